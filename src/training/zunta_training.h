@@ -1,0 +1,53 @@
+// Antenna training of mesh pairs, the choice of transmit and receive patterns, and their
+// application to the nodes.
+#ifndef ZUNTA_TRAINING_ZUNTA_TRAINING_H_
+#define ZUNTA_TRAINING_ZUNTA_TRAINING_H_
+
+#include <array>
+#include <cstdint>
+
+#include "commander/zunta_command.h"
+
+struct ath;
+struct coordinator;
+struct mesh_pair;
+struct trained_mesh_pair;
+
+constexpr int32_t PATTERN_COUNT = 4;
+constexpr int32_t DEFAULT_PATTERN = 3;
+constexpr int32_t BENCHMARK_ROUND = 15;    // both ends on the default pattern
+constexpr int32_t TRAINING_RADIO_INDEX = 2;  // only results of this radio count
+constexpr int64_t TRAINING_ROUND_PAUSE_US = 6000000;
+constexpr int32_t FALLBACK_M = 8;
+
+// Pattern indexes walked by training: round r uses entry r % 4 on the left, r / 4 on the right.
+extern const std::array<int32_t, PATTERN_COUNT> pattern_indeces;
+
+// --- Training ---
+
+// Trains one pair in sixteen rounds into its txcs block and prints its training table. Refuses
+// (error line, nothing sent) a pair without block or whose txcs_count is not 0.
+void zunta_mp_training(mesh_pair* mp, char (&buffer)[COMMAND_SIZE]);
+void zunta_dump_training_table(mesh_pair* mp, int32_t left_best, int32_t right_best);
+// Writes "<status>\n" to the training status file. 0, or -1 when it cannot be opened.
+int32_t zunta_write_mp_training_status(int32_t status);
+
+// --- Selection ---
+
+// Stores the pair's best transmit patterns (highest sum of the two moving averages).
+void zunta_compute_best_mp_training(trained_mesh_pair* tp);
+int32_t zunta_get_double_pattern_index(int32_t left_index, int32_t right_index);
+
+// Scores every mesh node's receive patterns over its trained pairs and commands the best one.
+int zunta_compute_rx_antennas(struct coordinator* coordinator, char (&buffer)[COMMAND_SIZE]);
+int32_t zunta_compute_rx_cfun(trained_mesh_pair* tp, ath* a, int32_t side);
+float zunta_compute_rx_score(trained_mesh_pair* tp, int32_t pattern, int32_t side);
+
+// --- Application ---
+
+void zunta_set_best_antenna_pattern(trained_mesh_pair* tp, char (&buffer)[COMMAND_SIZE]);
+void zunta_set_default_antenna_pattern(mesh_pair* mp);
+void zunta_set_manual_antenna_pattern(mesh_pair* mp, char (&buffer)[COMMAND_SIZE], int32_t left_pattern,
+                                      int32_t right_pattern);
+
+#endif  // ZUNTA_TRAINING_ZUNTA_TRAINING_H_

@@ -1,0 +1,46 @@
+// A scripted node agent on one loopback address, in a thread. Per connection: read the whole
+// 1024-byte command, then send that connection's chunks a pause apart, so each lands in its own
+// read. With chunks it then closes; with none it stays silent until the peer hangs up.
+// Connections beyond the script reuse its last entry.
+#ifndef ZUNTA_TESTS_SUPPORT_FAKE_AGENT_H_
+#define ZUNTA_TESTS_SUPPORT_FAKE_AGENT_H_
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/zunta_fd.h"
+
+class fake_agent {
+ public:
+  using script = std::vector<std::vector<std::string>>;  // one entry per connection
+  static constexpr int CHUNK_GAP_MS = 100;
+
+  fake_agent(const char* ip, uint16_t port, script replies);  // bind + listen; thread only if both worked
+  ~fake_agent() { stop(); }
+  fake_agent(const fake_agent&) = delete;
+  fake_agent& operator=(const fake_agent&) = delete;
+
+  bool running() const { return thread_.joinable(); }
+  void stop();
+  // Text before '\n' of every command received, in order.
+  std::vector<std::string> commands() const;
+  // The raw bytes of every command received.
+  std::vector<std::string> frames() const;
+
+ private:
+  void serve();
+  void answer(int fd, const std::vector<std::string>& chunks);
+
+  unique_fd listener_;
+  script replies_;
+  mutable std::mutex mutex_;
+  std::vector<std::string> frames_;
+  std::atomic<bool> stopping_{false};
+  std::thread thread_;
+};
+
+#endif  // ZUNTA_TESTS_SUPPORT_FAKE_AGENT_H_
