@@ -23,50 +23,51 @@ constexpr int64_t RETRY_PAUSE_US = 1000000;
 
 enum class marker { none, ack, nack };
 
-// Socket, time-outs, address and connection; logs the failing step and gives an invalid fd.
-unique_fd connect_agent(const char* ip) {
-  unique_fd sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (!sock.valid()) {
-    ZLOG(COMP_CORE, LVL_E, "Socket creation error \n");
-    return {};
-  }
+// The local steps of an exchange that can fail, with the line each failure logs.
+enum connect_step : int {
+  CONNECTED,
+  NO_SOCKET,
+  NO_RECEIVE_TIMEOUT,
+  NO_SEND_TIMEOUT,
+  BAD_ADDRESS,
+  NOT_CONNECTED
+};
+constexpr const char* CONNECT_FAILURES[] = {
+    "",
+    "Socket creation error \n",
+    "Error socket timeout option: reception\n",
+    "Error socket timeout option: transmission\n",
+    "Invalid address or address not supported\n",
+    "Connection Failed\n",
+};
+
+// Socket, time-outs, address and connection; the socket is valid only when CONNECTED.
+connect_step connect_agent(const char* ip, unique_fd* sock) {
+  sock->reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!sock->valid()) return NO_SOCKET;
   timeval timeout = zunta_scaled_timeval(AGENT_TIMEOUT_US);
-  if (setsockopt(sock.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0) {
-    ZLOG(COMP_CORE, LVL_E, "Error socket timeout option: reception\n");
-    return {};
-  }
+  if (setsockopt(sock->get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0)
+    return NO_RECEIVE_TIMEOUT;
   // On Linux the send time-out also bounds the connection attempt.
-  if (setsockopt(sock.get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) != 0) {
-    ZLOG(COMP_CORE, LVL_E, "Error socket timeout option: transmission\n");
-    return {};
-  }
+  if (setsockopt(sock->get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) != 0) return NO_SEND_TIMEOUT;
   sockaddr_in agent{};
   agent.sin_family = AF_INET;
   agent.sin_port = htons(zunta_agent_port());
-  if (ip == nullptr || inet_pton(AF_INET, ip, &agent.sin_addr) != 1) {
-    ZLOG(COMP_CORE, LVL_E, "Invalid address or address not supported\n");
-    return {};
-  }
-  if (connect(sock.get(), reinterpret_cast<sockaddr*>(&agent), sizeof agent) != 0) {
-    ZLOG(COMP_CORE, LVL_E, "Connection Failed\n");
-    return {};
-  }
-  return sock;
+  if (ip == nullptr || inet_pton(AF_INET, ip, &agent.sin_addr) != 1) return BAD_ADDRESS;
+  if (connect(sock->get(), reinterpret_cast<sockaddr*>(&agent), sizeof agent) != 0) return NOT_CONNECTED;
+  return CONNECTED;
 }
 
-// Reads chunks until a marker, the peer's close or a time-out. Text of the chunks before the
-// marker goes to the answer; the chunk that carries the marker is not kept, because agents write
-// the marker last, on its own.
+// Reads chunks until a marker, the peer's close, an error or a time-out. Text of the chunks before
+// the marker goes to the answer; the chunk that carries the marker is not kept, because agents
+// write the marker last, on its own.
 marker read_until_marker(int fd, char (&answer)[ANSWER_SIZE]) {
   char chunk[ANSWER_SIZE + 1];  // one read of at most 1024 bytes, always terminated
   for (;;) {
     std::memset(chunk, 0, sizeof chunk);
     ssize_t got = recv(fd, chunk, ANSWER_SIZE, 0);
     if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) {
-      ZLOG(COMP_CORE, LVL_E, "zero bytes received\n");
-      return marker::none;
-    }
+    if (got <= 0) return marker::none;
     if (std::strstr(chunk, "nack") != nullptr) return marker::nack;
     if (std::strstr(chunk, "ack") != nullptr) return marker::ack;
     zunta_append_text(answer, sizeof answer, chunk, static_cast<std::size_t>(got));
@@ -88,8 +89,12 @@ int zunta_make_command(char (&buffer)[COMMAND_SIZE], int32_t index, int32_t valu
 }
 
 int zunta_send_command(char (&buffer)[COMMAND_SIZE], char (&answer)[ANSWER_SIZE], const char* ip) {
-  unique_fd sock = connect_agent(ip);
-  if (!sock.valid()) return -1;
+  unique_fd sock;
+  connect_step step = connect_agent(ip, &sock);
+  if (step != CONNECTED) {
+    ZLOG(COMP_CORE, LVL_E, "%s", CONNECT_FAILURES[step]);
+    return -1;
+  }
   // MSG_NOSIGNAL: an agent that has already closed must not end the daemon with SIGPIPE.
   if (send(sock.get(), buffer, sizeof buffer, MSG_NOSIGNAL) < 0) {
     ZLOG(COMP_CORE, LVL_E, "Unable to send message to the server\n");
@@ -97,6 +102,7 @@ int zunta_send_command(char (&buffer)[COMMAND_SIZE], char (&answer)[ANSWER_SIZE]
   }
   marker seen = read_until_marker(sock.get(), answer);
   sock.reset();
+  if (seen == marker::none) ZLOG(COMP_CORE, LVL_E, "zero bytes received\n");
   if (seen == marker::ack) {
     ZLOG(COMP_CORE, LVL_D, "ACK received\n");
     return 0;

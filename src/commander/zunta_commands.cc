@@ -16,17 +16,13 @@ int send_simple(char (&buffer)[COMMAND_SIZE], int32_t index, int32_t value, cons
   return zunta_make_and_send_command(buffer, index, value, arg1, arg2, answer, ip) == 0 ? 0 : -1;
 }
 
-// The agent's node record must exist before a command can be addressed to it.
-bool node_present(const ath* a) {
-  if (a != nullptr) return true;
-  ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for ath\n");
-  return false;
-}
-
 }  // namespace
 
 int zunta_send_ath_mac(char (&buffer)[COMMAND_SIZE], ath* a, const char* mac) {
-  if (!node_present(a)) return -1;
+  if (a == nullptr) {
+    ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for ath\n");
+    return -1;
+  }
   return send_simple(buffer, CMD_SEND_ATH_MAC, -1, PLACEHOLDER_IP, mac, a->ip);
 }
 
@@ -46,7 +42,10 @@ int zunta_start_dump(char (&buffer)[COMMAND_SIZE], const char* ip, const char* m
 }
 
 int zunta_start_mesh_optimization(char (&buffer)[COMMAND_SIZE], ath* a, const char* mac) {
-  if (!node_present(a)) return -1;
+  if (a == nullptr) {
+    ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for ath\n");
+    return -1;
+  }
   return send_simple(buffer, CMD_START_MESH_OPTIMIZATION, -1, PLACEHOLDER_IP, mac, a->ip);
 }
 
@@ -55,7 +54,10 @@ int zunta_start_training(char (&buffer)[COMMAND_SIZE], const char* ip, const cha
 }
 
 int zunta_get_module_client_list(char (&buffer)[COMMAND_SIZE], ath* a, char (&answer)[ANSWER_SIZE]) {
-  if (!node_present(a)) return -1;
+  if (a == nullptr) {
+    ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for ath\n");
+    return -1;
+  }
   return zunta_make_and_send_command(buffer, CMD_GET_MODULE_CLIENT_LIST, -1, PLACEHOLDER_IP, ZERO_MAC, answer,
                                      a->ip) == 0
              ? 0

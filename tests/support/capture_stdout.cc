@@ -38,5 +38,6 @@ log_level_scope::log_level_scope(int level) {
 }
 
 log_level_scope::~log_level_scope() {
-  for (int c = 0; c < LOG_COMPONENT_COUNT; ++c) global_log.components[c].level = saved_[c];
+  for (int c = 0; c < LOG_COMPONENT_COUNT; ++c)
+    global_log.components[c].level = saved_[c];
 }

@@ -34,7 +34,8 @@ std::vector<std::string> fake_agent::frames() const {
 
 std::vector<std::string> fake_agent::commands() const {
   std::vector<std::string> lines;
-  for (const std::string& frame : frames()) lines.push_back(frame.substr(0, frame.find('\n')));
+  for (const std::string& frame : frames())
+    lines.push_back(frame.substr(0, frame.find('\n')));
   return lines;
 }
 

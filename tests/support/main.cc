@@ -22,7 +22,9 @@ std::string make_test_dir() {
 
 }  // namespace
 
-uint16_t test_agent_port() { return TEST_AGENT_PORT; }
+uint16_t test_agent_port() {
+  return TEST_AGENT_PORT;
+}
 
 const std::string& test_dir() {
   static const std::string dir = make_test_dir();

@@ -1,0 +1,132 @@
+#include "support/daemon_process.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+
+daemon_process::daemon_process(std::vector<std::string> argv, std::vector<std::string> env) {
+  int out_pipe[2];
+  int err_pipe[2];
+  if (pipe2(out_pipe, O_CLOEXEC) != 0) return;
+  if (pipe2(err_pipe, O_CLOEXEC) != 0) {
+    close(out_pipe[0]);
+    close(out_pipe[1]);
+    return;
+  }
+  std::vector<char*> args;
+  for (std::string& a : argv)
+    args.push_back(a.data());
+  args.push_back(nullptr);
+  pid_ = fork();
+  if (pid_ == 0) {
+    dup2(out_pipe[1], STDOUT_FILENO);
+    dup2(err_pipe[1], STDERR_FILENO);
+    for (const std::string& e : env) {
+      std::string::size_type eq = e.find('=');
+      setenv(e.substr(0, eq).c_str(), e.substr(eq + 1).c_str(), 1);
+    }
+    execvp(args[0], args.data());
+    _exit(127);
+  }
+  close(out_pipe[1]);
+  close(err_pipe[1]);
+  if (pid_ < 0) {
+    close(out_pipe[0]);
+    close(err_pipe[0]);
+    return;
+  }
+  reader_ = std::thread(&daemon_process::collect, this, out_pipe[0], err_pipe[0]);
+}
+
+daemon_process::~daemon_process() {
+  terminate();
+  if (reader_.joinable()) reader_.join();
+}
+
+void daemon_process::collect(int out_fd, int err_fd) {
+  pollfd fds[2] = {{out_fd, POLLIN, 0}, {err_fd, POLLIN, 0}};
+  int open_count = 2;
+  char chunk[4096];
+  while (open_count > 0) {
+    if (poll(fds, 2, -1) < 0) break;
+    for (pollfd& p : fds) {
+      if (p.fd < 0 || p.revents == 0) continue;
+      ssize_t got = read(p.fd, chunk, sizeof chunk);
+      if (got <= 0) {
+        close(p.fd);
+        p.fd = -1;
+        --open_count;
+        continue;
+      }
+      std::lock_guard<std::mutex> lock(mutex_);
+      (p.fd == out_fd ? out_ : err_).append(chunk, static_cast<std::size_t>(got));
+      changed_.notify_all();
+    }
+  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  closed_ = true;
+  changed_.notify_all();
+}
+
+bool daemon_process::wait_until(const std::function<bool(const std::string&)>& ready, int timeout_ms) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  // A closed output cannot become ready any more, so stop waiting then.
+  changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return closed_ || ready(out_); });
+  return ready(out_);
+}
+
+bool daemon_process::wait_for_output(const std::string& text, int timeout_ms) {
+  return wait_until([&](const std::string& out) { return out.find(text) != std::string::npos; }, timeout_ms);
+}
+
+int daemon_process::wait_exit(int timeout_ms) {
+  if (pid_ <= 0) return -1;
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  while (!reaped_) {
+    int status = 0;
+    pid_t done = waitpid(pid_, &status, WNOHANG);
+    if (done == pid_) {
+      reaped_ = true;
+      status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+      break;
+    }
+    if (std::chrono::steady_clock::now() >= deadline) return -1;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  // The output is complete once both pipes are closed.
+  std::unique_lock<std::mutex> lock(mutex_);
+  changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return closed_; });
+  return status_;
+}
+
+void daemon_process::terminate() {
+  if (pid_ <= 0 || reaped_) return;
+  kill(pid_, SIGTERM);
+  if (wait_exit(5000) < 0) {
+    kill(pid_, SIGKILL);
+    wait_exit(5000);
+  }
+}
+
+std::string daemon_process::out() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return out_;
+}
+
+std::string daemon_process::err() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return err_;
+}
+
+const char* daemon_path() {
+  return ZUNTA_COORD_PATH;
+}
+
+bool can_unshare_network() {
+  return std::system("unshare -n true >/dev/null 2>&1") == 0;
+}
