@@ -38,9 +38,9 @@ class MeshFixture : public ::testing::Test {
     c_.ath_count++;
     return a;
   }
-  void lists(ath* a, const ath* other, int32_t radioidx = 2) {
+  void lists(ath* a, const char* mac, int32_t radioidx = 2) {
     auto* n = static_cast<neighbour*>(std::calloc(1, sizeof(neighbour)));
-    zunta_copy_text(n->mac, other->mac);
+    zunta_copy_text(n->mac, mac);
     n->radioidx = radioidx;
     sa_list_add(&n->list, &a->neighbours);
     a->neighbour_count++;
