@@ -167,6 +167,7 @@ TEST_F(RegistryTest, FlushClearsEveryReferenceToTheFreedAths) {
   EXPECT_EQ(nullptr, tp->left_ath);
   EXPECT_EQ(nullptr, tp->right_ath);
   EXPECT_EQ(&tp->list, c_.trained_mesh_pair_list.next);  // the pairs themselves stay
+  for (sa_list* node : {&link->list, &mp->list, &tp->list}) sa_list_del(node);
   std::free(link);
   std::free(mp);
   std::free(tp);
