@@ -17,7 +17,9 @@
 class fake_agent {
  public:
   using script = std::vector<std::vector<std::string>>;  // one entry per connection
-  static constexpr int CHUNK_GAP_MS = 100;
+  // Long enough for the reader to take the text before the marker comes, short enough to stay well
+  // inside the 150 ms read time-out of the tests.
+  static constexpr int CHUNK_GAP_MS = 50;
 
   fake_agent(const char* ip, uint16_t port, script replies);  // bind + listen; thread only if both worked
   ~fake_agent() { stop(); }
