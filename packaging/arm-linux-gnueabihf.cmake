@@ -1,0 +1,11 @@
+# Cross build for the 32-bit ARM target (Debian: apt-get install g++-arm-linux-gnueabihf):
+#   cmake -S . -B build-arm -DCMAKE_TOOLCHAIN_FILE=packaging/arm-linux-gnueabihf.cmake \
+#         -DZUNTA_BUILD_TESTS=OFF -DZUNTA_BUILD_BENCH=OFF
+#   cmake --build build-arm --target zunta-coord
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR arm)
+set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
+set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
