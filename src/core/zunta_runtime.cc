@@ -88,7 +88,7 @@ double zunta_time_scale() { return g_runtime.time_scale; }
 
 int64_t zunta_scaled_us(int64_t us) {
   if (us <= 0) return 0;
-  auto scaled = static_cast<int64_t>(std::llround(static_cast<double>(us) * g_runtime.time_scale));
+  auto scaled = static_cast<int64_t>(static_cast<double>(us) * g_runtime.time_scale + 0.5);
   return scaled > 0 ? scaled : 1;  // a wait never shrinks to nothing
 }
 
