@@ -2,9 +2,7 @@
 // link, and pairing each link with its reverse.
 #include "meshpair/zunta_meshpair.h"
 
-#include <algorithm>
 #include <cstdlib>
-#include <cstring>
 
 #include "coordinator/zunta_coordinator.h"
 #include "core/zunta_log.h"
@@ -73,9 +71,11 @@ bool try_reverse(struct coordinator* coordinator, mesh_link* l, mesh_link* m, ch
   return true;
 }
 
-// Phase 3 as a plain walk: every other link, from l's successor round to l's predecessor.
-void pair_links_by_walk(struct coordinator* coordinator, char (&key)[MESHKEY_TEXT_SIZE],
-                        uint8_t* new_mesh_pair) {
+// Phase 3: each link meets every other link, from its successor round to its predecessor, and
+// pairs with the first reverse whose pair can be added. The cost grows with the square of the
+// link count; for meshes of a few hundred nodes it stays far below that of the agent exchanges
+// of the same rebuild (bench/ measures it).
+void pair_links(struct coordinator* coordinator, char (&key)[MESHKEY_TEXT_SIZE], uint8_t* new_mesh_pair) {
   sa_list* head = &coordinator->mesh_link_list;
   int number = 0;
   sa_list_for_each_entry(l, head, mesh_link, list) {
@@ -87,73 +87,6 @@ void pair_links_by_walk(struct coordinator* coordinator, char (&key)[MESHKEY_TEX
       if (is_reverse(l, m) && try_reverse(coordinator, l, m, key, new_mesh_pair)) break;
     }
   }
-}
-
-// A link with its place in the table, sorted by (left_mac, right_mac, place).
-struct link_slot {
-  mesh_link* link;
-  int32_t place;
-};
-
-int compare_macs(const char* left_a, const char* right_a, const char* left_b, const char* right_b) {
-  int order = std::strncmp(left_a, left_b, MAC_TEXT_SIZE);
-  return order != 0 ? order : std::strncmp(right_a, right_b, MAC_TEXT_SIZE);
-}
-
-bool slot_before(const link_slot& a, const link_slot& b) {
-  int order = compare_macs(a.link->left_mac, a.link->right_mac, b.link->left_mac, b.link->right_mac);
-  return order != 0 ? order < 0 : a.place < b.place;
-}
-
-// The reverse candidates of l: the slots whose left MAC is l's right MAC and whose right MAC is
-// l's left MAC, in table order.
-void reverse_range(link_slot* slots, int32_t count, const mesh_link* l, link_slot** first, link_slot** last) {
-  auto below = [](const link_slot& s, const mesh_link* probe) {
-    return compare_macs(s.link->left_mac, s.link->right_mac, probe->right_mac, probe->left_mac) < 0;
-  };
-  auto above = [](const mesh_link* probe, const link_slot& s) {
-    return compare_macs(probe->right_mac, probe->left_mac, s.link->left_mac, s.link->right_mac) < 0;
-  };
-  *first = std::lower_bound(slots, slots + count, l, below);
-  *last = std::upper_bound(*first, slots + count, l, above);
-}
-
-// Phase 3 through an index of the links by their MACs. It offers exactly the reverse links that
-// the walk would offer, in the same circular order after l, and so adds the same pairs with the
-// same logs; only the comparisons with links that are not reverses (level D lines) are left out.
-// False when the index cannot be allocated.
-bool pair_links_by_index(struct coordinator* coordinator, char (&key)[MESHKEY_TEXT_SIZE],
-                         uint8_t* new_mesh_pair) {
-  sa_list* head = &coordinator->mesh_link_list;
-  int32_t count = 0;
-  for (sa_list* node = head->next; node != head; node = node->next)
-    count++;
-  if (count == 0) return true;
-  auto* slots = static_cast<link_slot*>(std::calloc(count, sizeof(link_slot)));
-  if (slots == nullptr) return false;
-  int32_t place = 0;
-  sa_list_for_each_entry(link, head, mesh_link, list) {
-    slots[place] = {link, place};
-    place++;
-  }
-  std::sort(slots, slots + count, slot_before);
-  place = 0;
-  sa_list_for_each_entry(l, head, mesh_link, list) {
-    ZLOG(COMP_CORE, LVL_D, "Mesh Link %d: %s and %s\n", place, l->left_mac, l->right_mac);
-    link_slot *first, *last;
-    reverse_range(slots, count, l, &first, &last);
-    int32_t here = place++;
-    link_slot* after =
-        std::upper_bound(first, last, here, [](int32_t p, const link_slot& s) { return p < s.place; });
-    // Candidates after l first, then from the front of the table up to l; l itself is skipped.
-    for (int32_t k = 0, n = static_cast<int32_t>(last - first); k < n; ++k) {
-      link_slot* s = after + k < last ? after + k : first + (after + k - last);
-      if (s->place == here) continue;
-      if (try_reverse(coordinator, l, s->link, key, new_mesh_pair)) break;
-    }
-  }
-  std::free(slots);
-  return true;
 }
 
 // The direct generation's step for one found neighbour: key, then the add unless it exists.
@@ -200,12 +133,7 @@ int zunta_meshpair_generation_table_create(struct coordinator* coordinator, uint
   }
   char key[MESHKEY_TEXT_SIZE] = {};
   build_links(coordinator);
-  // Comparing every link with every other grows with the square of the table. The index gives
-  // the same pairs; the full walk is kept for when the per-comparison lines are being logged.
-  bool comparisons_logged = g_log != nullptr && g_log->components[COMP_CORE].level >= LVL_D;
-  if (comparisons_logged || !pair_links_by_index(coordinator, key, new_mesh_pair)) {
-    pair_links_by_walk(coordinator, key, new_mesh_pair);
-  }
+  pair_links(coordinator, key, new_mesh_pair);
   return 0;
 }
 

@@ -1,9 +1,5 @@
 // Mesh pair generation: mesh node marking, links and pairs from the registry, the direct
 // generation, and the side of a node in a trained pair.
-#include <cstdio>
-#include <random>
-#include <sstream>
-
 #include "core/zunta_log.h"
 #include "meshpair/meshpair_fixture.h"
 #include "support/capture_stdout.h"
@@ -82,42 +78,6 @@ TEST_F(GenerationTest, FullMeshOfThreeGivesThreePairs) {
   EXPECT_EQ(3, c_.mesh_pair_count);
 }
 
-// The indexed pairing (level I and below) must offer the same reverse links in the same order as
-// the full walk (level D), also with duplicate MACs, repeated and self listings and refused pairs:
-// the same pairs, and the same log apart from the level D lines and the time stamps.
-TEST_F(GenerationTest, IndexedPairingMatchesTheFullWalk) {
-  auto run = [this](int level) {
-    log_level_scope detail(level);
-    capture_stdout out;
-    generate();
-    std::istringstream lines(out.text());
-    std::string kept;
-    for (std::string line; std::getline(lines, line);) {
-      if (line.find("ZUNTA:D:") == std::string::npos) kept += line.substr(line.find("] ") + 1) + "\n";
-    }
-    sa_list_for_each_entry(p, &c_.mesh_pair_list, mesh_pair, list) {
-      kept +=
-          std::string(p->meshkey) + " " + std::to_string(p->radioidx) + " " + p->left_ip + " " + p->right_ip;
-    }
-    return kept;
-  };
-  for (unsigned seed = 1; seed <= 30; ++seed) {
-    SCOPED_TRACE(seed);
-    std::mt19937 rng(seed);
-    auto mac = [&] { return "aa:bb:cc:00:00:0" + std::to_string(rng() % 8); };
-    for (int i = 0; i < 12; ++i) {
-      ath* a = add_ath(("127.0.62." + std::to_string(i)).c_str(), mac().c_str(), rng() % 5 != 0);
-      for (int n = 2 + rng() % 4; n > 0; --n)
-        lists(a, mac().c_str(), rng() % 3);
-    }
-    std::string walked = run(LVL_D);
-    zunta_flush_mesh_pairs(&c_);
-    EXPECT_EQ(walked, run(LVL_I));
-    TearDown();
-    SetUp();
-  }
-}
-
 TEST_F(GenerationTest, EmptyRegistryLogsNothing) {
   log_level_scope detail(LVL_A);
   capture_stdout out;
@@ -127,7 +87,7 @@ TEST_F(GenerationTest, EmptyRegistryLogsNothing) {
 
 TEST_F(GenerationTest, DirectGenerationStopsAtAnUnknownNeighbour) {
   ath* a = add_ath("127.0.62.1", MAC1);
-  ath* b = add_ath("127.0.62.2", MAC2);
+  add_ath("127.0.62.2", MAC2);
   ath* c = add_ath("127.0.62.3", MAC3);
   lists(a, MAC2, 1);              // a single listing is enough
   lists(c, MAC2);                 // walked after the unknown one, so never examined
@@ -138,7 +98,6 @@ TEST_F(GenerationTest, DirectGenerationStopsAtAnUnknownNeighbour) {
   EXPECT_EQ(std::vector<std::string>{std::string(MAC1) + "-" + MAC2 + "/1"}, pairs());
   EXPECT_EQ(0, not_found);
   EXPECT_EQ(1, added);
-  (void)b;
 }
 
 TEST_F(GenerationTest, MeshNodesAreMarkedByExactClientMac) {
