@@ -61,6 +61,7 @@ int mesh_simulator::start(const sim_config& config, std::string* error) {
   }
   config_ = config;
   topo_ = topology();
+  records_.clear();
   std::string text = config.topology;
   if (!config.relocate_base.empty() && relocate_topology(config.topology, config.relocate_base, &text) != 0) {
     *error = "bad relocation base " + config.relocate_base + " (expected 127.A.B)";
