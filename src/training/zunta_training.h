@@ -23,6 +23,9 @@ constexpr int32_t FALLBACK_M = 8;
 // Pattern indexes walked by training: round r uses entry r % 4 on the left, r / 4 on the right.
 extern const std::array<int32_t, PATTERN_COUNT> pattern_indeces;
 
+// True for a pattern index a node can apply, and so the only ones that index the results block.
+inline bool zunta_pattern_valid(int32_t pattern) { return pattern >= 0 && pattern < PATTERN_COUNT; }
+
 // --- Training ---
 
 // Trains one pair in sixteen rounds into its txcs block and prints its training table. Refuses
@@ -34,17 +37,21 @@ int32_t zunta_write_mp_training_status(int32_t status);
 
 // --- Selection ---
 
-// Stores the pair's best transmit patterns (highest sum of the two moving averages).
+// Stores the pair's best transmit patterns (highest sum of the two moving averages). Only rounds
+// of radio 2 whose reported patterns lie in 0..3 qualify; without one the patterns are kept.
 void zunta_compute_best_mp_training(trained_mesh_pair* tp);
 int32_t zunta_get_double_pattern_index(int32_t left_index, int32_t right_index);
 
 // Scores every mesh node's receive patterns over its trained pairs and commands the best one.
 int zunta_compute_rx_antennas(struct coordinator* coordinator, char (&buffer)[COMMAND_SIZE]);
 int32_t zunta_compute_rx_cfun(trained_mesh_pair* tp, ath* a, int32_t side);
+// 0.0 (no evidence either way, the block unread) when `pattern` or the other end's stored
+// transmit pattern lies outside 0..3.
 float zunta_compute_rx_score(trained_mesh_pair* tp, int32_t pattern, int32_t side);
 
 // --- Application ---
 
+// Sends nothing for a pair not trained on radio 2 or with a stored pattern outside 0..3.
 void zunta_set_best_antenna_pattern(trained_mesh_pair* tp, char (&buffer)[COMMAND_SIZE]);
 void zunta_set_default_antenna_pattern(mesh_pair* mp);
 void zunta_set_manual_antenna_pattern(mesh_pair* mp, char (&buffer)[COMMAND_SIZE], int32_t left_pattern,
