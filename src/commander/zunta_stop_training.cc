@@ -91,10 +91,11 @@ int zunta_stop_training(char (&buffer)[COMMAND_SIZE], mesh_pair* mp, const char*
   // they have a round record to go to.
   const int32_t r = mp->txcs_count;
   if (r < 0 || r >= TXCS_ROUNDS) {
-    ZLOG(COMP_CORE, LVL_E, "Round %d outside the results block of %s, result not recorded\n", r, mp->meshkey);
+    ZLOG(COMP_CORE, LVL_E, "Round %d outside the results block of %s-%s, result not recorded\n", r,
+         mp->left_mac, mp->right_mac);
     return 0;
   }
-  result_line res;
+  result_line res = {};
   // Without a line about the peer there is nothing to record: figures about another peer would be
   // wrong for this link.
   if (!find_result_line(answer, peer_mac, res)) {
