@@ -39,7 +39,8 @@ class recorder {
   std::vector<command_record> copy() const;
   void clear();
   // Waits until pred holds for the records (checked at once and after each new record), at most
-  // timeout_ms. Returns whether it held.
+  // timeout_ms. Returns whether it held. pred runs with the record lock held: it must not call
+  // back into the recorder or the simulator's record methods.
   bool wait_for(const record_predicate& pred, int timeout_ms) const;
 
  private:
