@@ -54,8 +54,19 @@ cleanup() {
   if [[ -n $WORK && $KEEP == 0 ]]; then rm -rf "$WORK"; fi
   if [[ -n $WORK && $KEEP == 1 ]]; then echo "demo: files kept in $WORK"; fi
 }
+# Interrupted: stop the coordinator, then show what the mesh was told before cleaning up.
+on_signal() {
+  trap - INT TERM
+  if [[ -n $COORD_PID ]] && kill -0 "$COORD_PID" 2>/dev/null; then
+    kill "$COORD_PID" 2>/dev/null || true
+    wait "$COORD_PID" 2>/dev/null || true
+  fi
+  COORD_PID=
+  if [[ -n $WORK && -S $WORK/meshsim.sock ]]; then summary; fi
+  exit 130
+}
 trap cleanup EXIT
-trap 'exit 130' INT TERM
+trap on_signal INT TERM
 
 as_root() {
   if [[ $(id -u) == 0 ]]; then "$@"; else sudo "$@"; fi
