@@ -4,13 +4,13 @@
 namespace meshsim {
 namespace {
 
-struct fault_spec {
+struct fault_kind_info {
   fault_kind kind;
   const char* name;
   bool takes_arg;
 };
 
-constexpr fault_spec FAULT_SPECS[] = {
+constexpr fault_kind_info FAULT_KINDS[] = {
     {fault_kind::nack_count, "nack", true},
     {fault_kind::nack_always, "nack_always", false},
     {fault_kind::silent, "silent", false},
@@ -26,8 +26,8 @@ constexpr fault_spec FAULT_SPECS[] = {
     {fault_kind::dup_discovery, "dup_discovery", false},
 };
 
-const fault_spec* spec_of(const std::string& name) {
-  for (const fault_spec& s : FAULT_SPECS) {
+const fault_kind_info* info_of(const std::string& name) {
+  for (const fault_kind_info& s : FAULT_KINDS) {
     if (name == s.name) return &s;
   }
   return nullptr;
@@ -74,18 +74,18 @@ int apply_fault(node& n, const std::vector<std::string>& words, std::string* err
   }
   if (words.size() < 3)
     return fail(error, "usage: fault NAME KIND [ARG] [on=I,J] | fault NAME KIND off | none");
-  const fault_spec* spec = spec_of(words[2]);
-  if (spec == nullptr) return fail(error, "unknown fault " + words[2]);
+  const fault_kind_info* info = info_of(words[2]);
+  if (info == nullptr) return fail(error, "unknown fault " + words[2]);
   if (words.size() == 4 && words[3] == "off") {
-    remove_kind(n, spec->kind);
+    remove_kind(n, info->kind);
     return 0;
   }
   fault f;
-  f.kind = spec->kind;
+  f.kind = info->kind;
   std::size_t next = 3;
-  if (spec->takes_arg) {
+  if (info->takes_arg) {
     if (words.size() <= next || !parse_int(words[next], &f.arg) || f.arg < 0) {
-      return fail(error, std::string("fault ") + spec->name + " needs a number");
+      return fail(error, std::string("fault ") + info->name + " needs a number");
     }
     ++next;
   }
@@ -113,7 +113,7 @@ const fault* find_fault(const node& n, fault_kind kind, int index) {
 }
 
 const char* fault_name(fault_kind kind) {
-  for (const fault_spec& s : FAULT_SPECS) {
+  for (const fault_kind_info& s : FAULT_KINDS) {
     if (s.kind == kind) return s.name;
   }
   return "?";
