@@ -1,0 +1,106 @@
+// A simulated mesh in this process and the built daemon as a child, on a loopback range of the
+// scenario's own (127.1.N.x, ports 25000+N and 25100+N), so scenarios run in parallel.
+#ifndef ZUNTA_TESTS_E2E_E2E_FIXTURE_H_
+#define ZUNTA_TESTS_E2E_E2E_FIXTURE_H_
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "meshsim/simulator.h"
+#include "support/daemon_process.h"
+#include "support/test_env.h"
+
+constexpr int E2E_WAIT_MS = 120000;  // generous: the machine may be loaded; nothing is timed
+
+// One agent command as the simulator recorded it.
+struct seen_command {
+  std::string node;
+  std::string line;
+  bool operator==(const seen_command& o) const { return node == o.node && line == o.line; }
+};
+inline std::ostream& operator<<(std::ostream& os, const seen_command& c) {
+  return os << c.node << ": " << c.line;
+}
+
+class MeshScenario : public ::testing::Test {
+ protected:
+  // Starts the simulator with `topology` (written on 127.0.60.x, moved to 127.1.N.x).
+  void start_mesh(int range, const std::string& topology, int marker_gap_ms = 50) {
+    range_ = range;
+    meshsim::sim_config config;
+    config.topology = topology;
+    config.relocate_base = "127.1." + std::to_string(range);
+    config.agent_port = static_cast<uint16_t>(25000 + range);
+    config.discovery_address = config.relocate_base + ".255";
+    config.discovery_port = static_cast<uint16_t>(25100 + range);
+    config.marker_gap_ms = marker_gap_ms;
+    config.log = false;
+    std::string error;
+    ASSERT_EQ(0, sim_.start(config, &error)) << error;
+    dir_ = test_dir() + "/e2e-" + std::to_string(range);
+    ASSERT_EQ(0, std::system(("mkdir -p " + dir_).c_str()));
+    write_file(dir_ + "/zunta.conf", "root=true\nbroadcast_address=" + config.discovery_address +
+                                         "\nbroadcast_port=" + std::to_string(config.discovery_port) + "\n");
+  }
+
+  void start_daemon(std::vector<std::string> args) {
+    args.insert(args.begin(), daemon_path());
+    daemon_ = std::make_unique<daemon_process>(
+        args, std::vector<std::string>{"ZUNTA_CONF=" + dir_ + "/zunta.conf", "ZUNTA_SNAPSHOT=" + snapshot(),
+                                       "ZUNTA_DUMP_FILE=" + dir_ + "/dump.log",
+                                       "ZUNTA_TRAINING_STATUS_FILE=" + dir_ + "/status.log",
+                                       "ZUNTA_AGENT_PORT=" + std::to_string(25000 + range_),
+                                       "ZUNTA_TIME_SCALE=0.05"});
+    ASSERT_TRUE(daemon_->started());
+  }
+
+  std::string snapshot() const { return dir_ + "/zunta-sa.log"; }
+  std::string ip(int host) const { return "127.1." + std::to_string(range_) + "." + std::to_string(host); }
+
+  // The agent commands recorded so far, in order, optionally only those with the given indexes.
+  std::vector<seen_command> commands(std::vector<int> indexes = {}) const {
+    std::vector<seen_command> out;
+    for (const meshsim::command_record& r : sim_.records()) {
+      if (r.source != "agent") continue;
+      if (!indexes.empty() && std::find(indexes.begin(), indexes.end(), r.index) == indexes.end()) continue;
+      out.push_back({r.node, r.line});
+    }
+    return out;
+  }
+
+  // Waits until `count` commands with this index reached `node` (any node when empty).
+  bool wait_commands(const std::string& node, int index, std::size_t count) {
+    return sim_.wait_for_commands(node, index, count, E2E_WAIT_MS);
+  }
+
+  // Waits until the status file satisfies `ready` (it is rewritten several times per cycle).
+  bool wait_snapshot(const std::function<bool(const std::string&)>& ready) const {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(E2E_WAIT_MS);
+    while (!ready(read_file(snapshot()))) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+  }
+
+  int range_ = 0;
+  std::string dir_;
+  meshsim::mesh_simulator sim_;
+  std::unique_ptr<daemon_process> daemon_;
+};
+
+inline int count_of(const std::string& text, const std::string& what) {
+  int n = 0;
+  for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+    ++n;
+  return n;
+}
+
+#endif  // ZUNTA_TESTS_E2E_E2E_FIXTURE_H_
