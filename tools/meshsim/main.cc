@@ -46,6 +46,18 @@ constexpr char USAGE[] =
     "  --send PATH LINE        send one control line to a running simulator, print the reply\n"
     "  --help                  this text\n"
     "\n"
+    "Topology file, one statement a line ('#' starts a comment; PEER is a node name or a MAC):\n"
+    "  seed S | noise PERCENT\n"
+    "  node NAME 127.x.y.z MAC [VALUE [ETH]]       a node (z in 1..254)\n"
+    "  client NAME MAC[,EXTRA...]                  a command 9 line of the node\n"
+    "  neighbour NAME PEER [RADIO [PATTERN]]       a command 1 line of the node\n"
+    "  table NAME PEER V00 .. V33                  kbit/s, row = NAME's pattern, column = PEER's\n"
+    "  gains NAME G0 G1 G2 G3 | link NAME PEER BASE_KBPS | mesh NAME PEER BASE_KBPS\n"
+    "  fault NAME KIND [ARG] [on=I,J] | fault NAME KIND off | fault NAME none\n"
+    "    KIND: nack N, nack_always, silent, no_marker, cut, refuse, delay MS, same_send, garbage,\n"
+    "          radio N, no_peer_line, no_discovery, dup_discovery\n"
+    "Control lines: any statement, del node|client|neighbour|link|mesh NAME [PEER], show NAME.\n"
+    "\n"
     "Stops cleanly on SIGINT and SIGTERM.\n";
 
 enum option_id {
