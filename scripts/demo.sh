@@ -3,10 +3,11 @@
 # on 127.0.60.x, with every file in a temporary directory and every wait scaled down.
 #
 #   scripts/demo.sh                 train every mesh pair once (zunta-coord -1) and exit
-#   scripts/demo.sh --daemon        run the continuous cycle with the topology check (zunta-coord -e);
-#                                   after --change-after seconds the n3-n4 link disappears; Ctrl-C stops
+#   scripts/demo.sh --daemon        run the continuous cycle with the topology check (zunta-coord -e):
+#                                   after the first training the n3-n4 link disappears (only the
+#                                   receive patterns are chosen again), then comes back (only n3-n4
+#                                   is trained again); then the daemon is stopped
 # Options:
-#   --change-after SECONDS          when the daemon-mode topology change happens (default 60)
 #   --keep                          keep the temporary directory (log, record, snapshot)
 #   --build-dir DIR                 build tree holding zunta-coord and zunta-meshsim (default build/)
 # Environment: DEMO_AGENT_PORT (default 12458), DEMO_DISCOVERY_PORT (default 12101).
@@ -15,7 +16,6 @@ set -euo pipefail
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
 BUILD_DIR=$ROOT/build
 MODE=once
-CHANGE_AFTER=60
 KEEP=0
 RANGE=127.0.60                       # the addresses of the example topology
 DISCOVERY_ADDRESS=$RANGE.255         # the coordinator's "broadcast", delivered as loopback unicast
@@ -29,7 +29,6 @@ usage() { sed -n '2,12p' "$0" | sed 's/^# \{0,1\}//'; }
 while (($#)); do
   case $1 in
     --daemon) MODE=daemon ;;
-    --change-after) CHANGE_AFTER=${2:?}; shift ;;
     --keep) KEEP=1 ;;
     --build-dir) BUILD_DIR=$(cd "${2:?}" && pwd); shift ;;
     -h|--help) usage; exit 0 ;;
@@ -76,6 +75,7 @@ install_tools() {
   local missing=()
   command -v cmake >/dev/null || missing+=(cmake)
   command -v g++ >/dev/null || missing+=(g++)
+  command -v make >/dev/null || missing+=(make)
   if ((${#missing[@]})); then
     echo "demo: installing ${missing[*]}"
     as_root apt-get update
@@ -117,13 +117,26 @@ run_coordinator() {
   env ZUNTA_CONF="$WORK/zunta.conf" ZUNTA_SNAPSHOT="$WORK/zunta-sa.log" \
     ZUNTA_DUMP_FILE="$WORK/zunta-dump.log" ZUNTA_TRAINING_STATUS_FILE="$WORK/training_status.log" \
     ZUNTA_AGENT_PORT="$AGENT_PORT" ZUNTA_TIME_SCALE="$TIME_SCALE" \
-    "$BUILD_DIR/zunta-coord" "$@" &
+    "$BUILD_DIR/zunta-coord" "$@" > >(tee "$WORK/coord.log") &
   COORD_PID=$!
 }
 
 control() { "$BUILD_DIR/zunta-meshsim" --send "$WORK/meshsim.sock" "$1"; }
 
+# Waits until the daemon's output holds `count` lines matching `pattern`.
+wait_output() {
+  local pattern=$1 count=$2 seen
+  for (( ; ; )); do
+    seen=$(grep -c -- "$pattern" "$WORK/coord.log" 2>/dev/null) || true
+    ((${seen:-0} >= count)) && return 0
+    kill -0 "$COORD_PID" 2>/dev/null || return 1
+    sleep 0.2
+  done
+}
+
 summary() {
+  echo "=== discovery: nodes that answered and were registered (command 9)"
+  grep '"index":9,' "$WORK/commands.jsonl" | grep -o '"node":"[^"]*","ip":"[^"]*"' | sort -u || true
   echo "=== commands the agents received (count, index)"
   grep -o '"source":"agent".*"index":-\{0,1\}[0-9]*' "$WORK/commands.jsonl" | grep -o '"index":.*' |
     sort | uniq -c || true
@@ -150,16 +163,17 @@ if [[ $MODE == once ]]; then
 fi
 
 run_coordinator -e
-echo "demo: daemon running (pid $COORD_PID); the n3-n4 link disappears in $CHANGE_AFTER s; Ctrl-C stops"
-sleep "$CHANGE_AFTER" &
-SLEEP_PID=$!
-wait "$SLEEP_PID" || true
-SLEEP_PID=
-if kill -0 "$COORD_PID" 2>/dev/null; then
-  echo "demo: removing the n3-n4 link"
-  control "del mesh n3 n4"
-fi
-wait "$COORD_PID" || status=$?
+echo "demo: daemon running (pid $COORD_PID), retraining on topology changes; Ctrl-C stops"
+wait_output "Training ends" 1
+echo "demo: --- the n3-n4 link disappears: only the receive patterns are chosen again"
+control "del mesh n3 n4"
+wait_output "Pattern Set for Mesh Pair" 7
+echo "demo: --- the n3-n4 link comes back: only n3-n4 is trained, every pair's patterns are applied again"
+control "mesh n3 n4 300000"
+wait_output "Training ends" 2
+wait_output "Pattern Set for Mesh Pair" 11
+kill "$COORD_PID" 2>/dev/null || true
+wait "$COORD_PID" 2>/dev/null || true
 COORD_PID=
 summary
-exit "$status"
+exit 0
