@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "commander/zunta_command.h"
 #include "coordinator/zunta_coordinator.h"
@@ -18,6 +19,7 @@
 #include "coordinator/zunta_snapshot.h"
 #include "core/zunta_log.h"
 #include "core/zunta_runtime.h"
+#include "core/zunta_text.h"
 #include "meshpair/zunta_meshpair.h"
 #include "registry/zunta_ath.h"
 #include "training/zunta_training.h"
@@ -89,6 +91,49 @@ void check_schedule(cycle_state* s) {
   s->new_mesh_pair = 0;
 }
 
+// A node's receive pattern, kept while the registry is made anew.
+struct kept_rx {
+  char ip[IP_TEXT_SIZE];
+  char mac[MAC_TEXT_SIZE];
+  int32_t eth_index;
+  int32_t rx_pattern;
+};
+struct free_deleter {
+  void operator()(void* p) const { std::free(p); }
+};
+using kept_rx_table = std::unique_ptr<kept_rx[], free_deleter>;
+
+// The nodes go on receiving on the patterns they were told while their records are made anew from
+// a fresh discovery answer. The new records take those patterns over, so the status file keeps
+// showing them until the next receive selection. Without memory for the table they start afresh.
+kept_rx_table keep_rx_patterns(int32_t* count) {
+  *count = 0;
+  if (coordinator->ath_count <= 0) return nullptr;
+  kept_rx_table kept(static_cast<kept_rx*>(std::calloc(coordinator->ath_count, sizeof(kept_rx))));
+  if (!kept) return nullptr;
+  sa_list_for_each_entry(a, &coordinator->ath_list, ath, list) {
+    if (*count == coordinator->ath_count) break;
+    kept_rx& k = kept[(*count)++];
+    zunta_copy_text(k.ip, a->ip);
+    zunta_copy_text(k.mac, a->mac);
+    k.eth_index = a->eth_index;
+    k.rx_pattern = a->rx_pattern;
+  }
+  return kept;
+}
+
+void restore_rx_patterns(const kept_rx_table& kept, int32_t count) {
+  sa_list_for_each_entry(a, &coordinator->ath_list, ath, list) {
+    for (int32_t i = 0; i < count; ++i) {
+      if (kept[i].eth_index == a->eth_index && zunta_text_equal(kept[i].ip, a->ip) &&
+          zunta_text_equal(kept[i].mac, a->mac)) {
+        a->rx_pattern = kept[i].rx_pattern;
+        break;
+      }
+    }
+  }
+}
+
 // Fresh answers rebuild the registry and the mesh pairs; the trained pairs stay.
 void rebuild(cycle_state* s) {
   ZLOG(COMP_CORE, LVL_I, "IP is %s, Port is %d\n", inet_ntoa(coordinator->sender_addr.sin_addr),
@@ -97,11 +142,14 @@ void rebuild(cycle_state* s) {
   ZLOG(COMP_CORE, LVL_I, "Size of broadcast_buffer: %d\n", static_cast<int>(std::strlen(g_broadcast_buffer)));
   if (s->new_broadcast == 1 && g_broadcast_buffer[0] != '\0') {
     ZLOG(COMP_CORE, LVL_I, "Flushing mesh pairs, ath and module client\n");
+    int32_t kept_count = 0;
+    kept_rx_table kept = keep_rx_patterns(&kept_count);
     zunta_flush_mesh_pairs(coordinator);
     zunta_flush_ath(coordinator);
     zunta_flush_module_client(coordinator);
     ZLOG(COMP_CORE, LVL_I, "Parsing broadcast message\n");
     zunta_parse_broadcast_message(coordinator, g_broadcast_buffer);
+    restore_rx_patterns(kept, kept_count);
     zunta_define_mesh_pairs(coordinator, &s->new_mesh_pair);
   }
   s->new_broadcast = 0;

@@ -16,7 +16,7 @@ int zunta_check_training_time(int32_t* last_hour, int32_t* period_base_minute, c
                               int32_t* training_state);
 
 // The decision itself for a given hour and minute, so it can be tried on any time of day.
-int zunta_training_time_decision(int32_t hour, int32_t minute, int32_t* last_hour, int32_t* period_base_minute,
-                                 const options* opts, int32_t* training_state);
+int zunta_training_time_decision(int32_t hour, int32_t minute, int32_t* last_hour,
+                                 int32_t* period_base_minute, const options* opts, int32_t* training_state);
 
 #endif  // ZUNTA_COORDINATOR_ZUNTA_SCHEDULE_H_

@@ -93,9 +93,11 @@ class TrainingScenario : public MeshScenario {
   }
 
   std::string node_block(const char* mac, int host, int tx, int rx) const {
-    return std::string("        \"mac\": \"") + mac + "\",\n        \"ip\": \"" + ip(host) +
-           "\",\n        \"tx_pattern\": \"0x" + std::to_string(tx) + "\",\n        \"rx_pattern\": \"0x" +
-           std::to_string(rx) + "\",\n";
+    char patterns[96];
+    std::snprintf(patterns, sizeof patterns, "\"tx_pattern\": \"0x%x\",\n        \"rx_pattern\": \"0x%x\",\n",
+                  static_cast<unsigned>(tx), static_cast<unsigned>(rx));
+    return std::string("        \"mac\": \"") + mac + "\",\n        \"ip\": \"" + ip(host) + "\",\n        " +
+           patterns;
   }
 };
 
@@ -179,6 +181,22 @@ TEST_F(TrainingScenario, TopologyChangesRetrainOnlyWhatIsNew) {
     EXPECT_NE("a", c.node) << c;
   EXPECT_TRUE(wait_snapshot([](const std::string& s) { return count_of(s, "\"key\"") == 2; }));
   EXPECT_EQ(2, count_of(daemon_->out(), "zunta-coord: Training ends\n"));
+}
+
+TEST_F(TrainingScenario, RebuildsKeepReceivePatternsAndAVanishedNodeShowsNone) {
+  // Without -e the trained pairs outlive every registry rebuild, even when a node goes away.
+  start_mesh(14, chain());
+  start_daemon({});
+  ASSERT_TRUE(daemon_->wait_for_output("zunta-coord: Training ends\n", E2E_WAIT_MS)) << daemon_->out();
+  std::string reply;
+  ASSERT_EQ(0, sim_.control("del node c", &reply)) << reply;
+  // The next discovery registers a and b only: c's end of b-c has no record any more.
+  std::string gone = node_block(C, 3, 0, -1);
+  ASSERT_TRUE(wait_snapshot([&](const std::string& s) { return s.find(gone) != std::string::npos; }));
+  std::string status = read_file(snapshot());
+  EXPECT_THAT(status, HasSubstr(node_block(A, 1, 1, 1)));
+  EXPECT_THAT(status, HasSubstr(node_block(B, 2, 2, 2)));
+  EXPECT_THAT(status, HasSubstr(node_block(B, 2, 3, 2)));
 }
 
 TEST_F(TrainingScenario, MeasurementModeReportsRowsAndSetsNoPattern) {
