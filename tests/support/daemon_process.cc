@@ -9,6 +9,35 @@
 #include <chrono>
 #include <cstdlib>
 
+extern char** environ;
+
+namespace {
+
+// The child's environment: this process's, with the overrides replacing same-named entries. Built
+// before fork, because after a fork in a threaded process only async-signal-safe calls are safe.
+std::vector<std::string> merged_environment(const std::vector<std::string>& overrides) {
+  std::vector<std::string> merged(overrides);
+  for (char** e = environ; *e != nullptr; ++e) {
+    std::string entry(*e);
+    std::string name = entry.substr(0, entry.find('=') + 1);
+    bool replaced = false;
+    for (const std::string& o : overrides)
+      replaced = replaced || o.rfind(name, 0) == 0;
+    if (!replaced) merged.push_back(entry);
+  }
+  return merged;
+}
+
+std::vector<char*> pointers(std::vector<std::string>& texts) {
+  std::vector<char*> out;
+  for (std::string& t : texts)
+    out.push_back(t.data());
+  out.push_back(nullptr);
+  return out;
+}
+
+}  // namespace
+
 daemon_process::daemon_process(std::vector<std::string> argv, std::vector<std::string> env) {
   int out_pipe[2];
   int err_pipe[2];
@@ -18,19 +47,14 @@ daemon_process::daemon_process(std::vector<std::string> argv, std::vector<std::s
     close(out_pipe[1]);
     return;
   }
-  std::vector<char*> args;
-  for (std::string& a : argv)
-    args.push_back(a.data());
-  args.push_back(nullptr);
+  std::vector<std::string> environment = merged_environment(env);
+  std::vector<char*> args = pointers(argv);
+  std::vector<char*> envp = pointers(environment);
   pid_ = fork();
   if (pid_ == 0) {
     dup2(out_pipe[1], STDOUT_FILENO);
     dup2(err_pipe[1], STDERR_FILENO);
-    for (const std::string& e : env) {
-      std::string::size_type eq = e.find('=');
-      setenv(e.substr(0, eq).c_str(), e.substr(eq + 1).c_str(), 1);
-    }
-    execvp(args[0], args.data());
+    execvpe(args[0], args.data(), envp.data());
     _exit(127);
   }
   close(out_pipe[1]);
