@@ -1,5 +1,5 @@
-// A local coordinator whose registry the tests build from calloc'ed records. Node n has the ip
-// 127.0.61.n and the mac aa:bb:cc:00:00:0n.
+// A local coordinator whose registry the tests build from calloc'ed records. Node n has the MAC
+// aa:bb:cc:00:00:0n and, unless another is given, the ip 127.0.61.n.
 #ifndef ZUNTA_TESTS_MESHPAIR_MESHPAIR_FIXTURE_H_
 #define ZUNTA_TESTS_MESHPAIR_MESHPAIR_FIXTURE_H_
 
@@ -17,19 +17,16 @@ inline std::string mac(int n) {
 
 class MeshFixture : public ::testing::Test {
  protected:
-  void SetUp() override {
+  MeshFixture() {
     for (sa_list* h : {&c_.ath_list, &c_.mesh_pair_list, &c_.trained_mesh_pair_list, &c_.mesh_link_list,
                        &c_.module_client_list}) {
       INIT_SA_LIST_HEAD(h);
     }
   }
-  void TearDown() override {
+  ~MeshFixture() override {
     zunta_flush_mesh_pairs(&c_);
     zunta_flush_trained_mesh_pairs(&c_);
-    sa_list_for_each_entry_safe(a, &c_.ath_list, ath, list) {
-      sa_list_for_each_entry_safe(n, &a->neighbours, neighbour, list) std::free(n);
-      std::free(a);
-    }
+    zunta_flush_ath(&c_);
   }
   ath* add_ath(int n, uint8_t mesh = 1, int ip = 0) {
     auto* a = static_cast<ath*>(std::calloc(1, sizeof(ath)));
@@ -38,7 +35,6 @@ class MeshFixture : public ::testing::Test {
     a->is_mesh_node = mesh;
     INIT_SA_LIST_HEAD(&a->neighbours);
     sa_list_add(&a->list, &c_.ath_list);
-    c_.ath_count++;
     return a;
   }
   void lists(ath* a, int n, int32_t radioidx = 2) {
@@ -46,7 +42,11 @@ class MeshFixture : public ::testing::Test {
     zunta_copy_text(nb->mac, mac(n).c_str());
     nb->radioidx = radioidx;
     sa_list_add(&nb->list, &a->neighbours);
-    a->neighbour_count++;
+  }
+  // A mesh pair of two nodes on radio 2, keyed as generation keys it. 0, or -1.
+  int pair(ath* x, ath* y) {
+    char key[MESHKEY_TEXT_SIZE];
+    return zunta_generate_mesh_pair_key(key, x, y) == 0 ? zunta_mesh_pair_add(&c_, x, y, key, 2) : -1;
   }
   // "<left node><right node>/<radioidx> " for every mesh pair, front to back.
   std::string pairs() {

@@ -5,24 +5,15 @@ namespace {
 
 class ChangeTest : public MeshFixture {
  protected:
-  void SetUp() override {
-    MeshFixture::SetUp();
-    for (int i = 1; i <= 3; ++i)
-      node_[i] = add_ath(i);
-  }
   // The result of a check after a fresh generation with a mesh pair per name ("12", "23", ...).
   int change_to(std::initializer_list<const char*> names) {
     zunta_flush_mesh_pairs(&c_);
-    char key[MESHKEY_TEXT_SIZE];
-    for (const char* n : names) {
-      ath *x = node_[n[0] - '0'], *y = node_[n[1] - '0'];
-      if (zunta_generate_mesh_pair_key(key, x, y) != 0 || zunta_mesh_pair_add(&c_, x, y, key, 2) != 0)
-        return -9;
-    }
+    for (const char* n : names)
+      pair(node_[n[0] - '0'], node_[n[1] - '0']);
     removed_ = 7;
     return zunta_mesh_pair_change(&c_, &removed_);
   }
-  ath* node_[4] = {};
+  ath* node_[4] = {nullptr, add_ath(1), add_ath(2), add_ath(3)};
   uint8_t removed_ = 7;
 };
 
