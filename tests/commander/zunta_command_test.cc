@@ -17,7 +17,6 @@ namespace {
 
 using ::testing::HasSubstr;
 
-constexpr char MAC[] = "aa:bb:cc:00:00:02";
 
 class CommandChannelTest : public ::testing::Test {
  protected:
@@ -100,22 +99,6 @@ TEST_F(CommandChannelTest, LocalFailuresAreNotRepeated) {
   EXPECT_EQ(-1, zunta_make_command(command_, 12, -1, PLACEHOLDER_IP, ZERO_MAC));
   agent_->stop();
   EXPECT_TRUE(agent_->commands().empty());
-}
-
-TEST_F(CommandChannelTest, WrappersCarryTheirArguments) {
-  start_agent({{"ack"}});
-  EXPECT_EQ(0, zunta_set_pattern_with_fallback(command_, AGENT_IP, MAC, 2, 1, 8));
-  EXPECT_EQ(0, zunta_set_pattern_with_fallback(command_, AGENT_IP, MAC, 0, 123456, 123456));
-  EXPECT_EQ(0, zunta_start_training(command_, AGENT_IP, "127.0.3.3"));
-  EXPECT_EQ(0, zunta_set_pattern_rx(command_, AGENT_IP, 3));
-  EXPECT_EQ(0, zunta_set_pattern_tx(command_, AGENT_IP, MAC, 1));
-  EXPECT_EQ(-1, zunta_send_ath_mac(command_, nullptr, MAC));
-  agent_->stop();
-  EXPECT_EQ(
-      (std::vector<std::string>{"2,2,1.8.0.1 aa:bb:cc:00:00:02", "2,0,1.123456.0.1234 aa:bb:cc:00:00:02",
-                                "8,-1,127.0.3.3 00:00:00:00:00:00", "11,3,127.0.0.1 00:00:00:00:00:00",
-                                "10,1,127.0.0.1 aa:bb:cc:00:00:02"}),
-      agent_->commands());
 }
 
 }  // namespace

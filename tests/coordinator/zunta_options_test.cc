@@ -44,17 +44,15 @@ TEST_F(ConfigReaderTest, ValuesAreTakenExactlyAsWritten) {
 TEST_F(ConfigReaderTest, ScheduleFieldsOutsideTheirRangesBecomeZero) {
   struct {
     const char* text;
-    int32_t hour;
-    int32_t minutes;
-  } cases[] = {{"training_start_hour=24\n", 0, 0},
-               {"training_start_hour=-1\n", 0, 0},
-               {"training_start_hour=23\n", 23, 0},
-               {"training_frequency_minutes=4\n", 0, 0},
-               {"training_frequency_minutes=1381\n", 0, 0},
-               {"training_frequency_minutes=5\n", 0, 5},
-               {"training_frequency_minutes=1380\n", 0, 1380},
-               {"training_start_hour=99999999999\n", 0, 0},
-               {"training_start_hour=x\n", 0, 0}};
+    int32_t hour, minutes;
+  } cases[] = {
+      // clang-format off
+      {"training_start_hour=24\n", 0, 0}, {"training_start_hour=-1\n", 0, 0}, {"training_start_hour=23\n", 23, 0},
+      {"training_start_hour=99999999999\n", 0, 0}, {"training_start_hour=x\n", 0, 0},
+      {"training_frequency_minutes=4\n", 0, 0}, {"training_frequency_minutes=1381\n", 0, 0},
+      {"training_frequency_minutes=5\n", 0, 5}, {"training_frequency_minutes=1380\n", 0, 1380},
+      // clang-format on
+  };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
     load(c.text);

@@ -14,9 +14,12 @@ TEST(RuntimeTest, InvalidOverridesAreRefusedAndChangeNothing) {
   struct {
     const char* name;
     const char* value;
-  } cases[] = {{"ZUNTA_TIME_SCALE", "abc"},   {"ZUNTA_TIME_SCALE", "0"}, {"ZUNTA_TIME_SCALE", "-1"},
-               {"ZUNTA_TIME_SCALE", "0.5x"},  {"ZUNTA_TIME_SCALE", ""},  {"ZUNTA_AGENT_PORT", "0"},
-               {"ZUNTA_AGENT_PORT", "70000"}, {"ZUNTA_CONF", ""}};
+  } cases[] = {
+      // clang-format off
+      {"ZUNTA_TIME_SCALE", "abc"}, {"ZUNTA_TIME_SCALE", "0"}, {"ZUNTA_TIME_SCALE", "-1"}, {"ZUNTA_TIME_SCALE", "0.5x"},
+      {"ZUNTA_TIME_SCALE", ""}, {"ZUNTA_AGENT_PORT", "0"}, {"ZUNTA_AGENT_PORT", "70000"}, {"ZUNTA_CONF", ""},
+      // clang-format on
+  };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.name) + "=" + c.value);
     std::string saved = std::getenv(c.name) != nullptr ? std::getenv(c.name) : "";

@@ -30,13 +30,13 @@ topology load(const std::string& statements, int result = 0) {
 
 // Each line has one defect only, so it cannot be refused for another reason.
 TEST(TopologyTest, BadStatementsAndAddressesOutsideLoopbackAreRefused) {
-  for (const char* line : {"node c 10.0.0.3 0a:00:00:00:00:03", "node c 127.0.7.255 0a:00:00:00:00:03",
+  for (const char* line : {"node c 198.51.100.3 0a:00:00:00:00:03", "node c 127.0.7.255 0a:00:00:00:00:03",
                            "node c 127.0.7.3 0a:00:00:00:00", "node c 127.0.7.3 0A:00:00:00:00:01",
                            "mesh a c 1000", "table a b 1 2 3", "link a b -5", "fault a nack",
                            "fault a silent on=12", "client z 0a:00:00:00:00:09", "noise 101"})
     load(line, -1);
   std::string out;
-  EXPECT_EQ(-1, relocate_topology(TWO_NODES, "10.0.0", &out));
+  EXPECT_EQ(-1, relocate_topology(TWO_NODES, "198.51.100", &out));
 }
 
 TEST(RadioModelTest, TableRowIsOwnPatternAndColumnThePeersTransmitOrReceivePattern) {

@@ -13,18 +13,13 @@ extern char** environ;
 
 namespace {
 
-// The child's environment: this process's, with the overrides replacing same-named entries. Built
-// before fork, because after a fork in a threaded process only async-signal-safe calls are safe.
+// The child's environment: the overrides ahead of this process's entries, so a lookup finds them
+// first. Built before fork, because after a fork in a threaded process only async-signal-safe
+// calls are safe.
 std::vector<std::string> merged_environment(const std::vector<std::string>& overrides) {
   std::vector<std::string> merged(overrides);
-  for (char** e = environ; *e != nullptr; ++e) {
-    std::string entry(*e);
-    std::string name = entry.substr(0, entry.find('=') + 1);
-    bool replaced = false;
-    for (const std::string& o : overrides)
-      replaced = replaced || o.rfind(name, 0) == 0;
-    if (!replaced) merged.push_back(entry);
-  }
+  for (char** e = environ; *e != nullptr; ++e)
+    merged.emplace_back(*e);
   return merged;
 }
 
