@@ -52,14 +52,14 @@ int zunta_send_command(char (&buffer)[COMMAND_SIZE], char (&answer)[ANSWER_SIZE]
 // Builds the command and sends it, repeating a refused, silent or unmarked exchange up to 20 more
 // times at one-second pauses, with the answer text of every attempt accumulating. Returns 0 when
 // acknowledged or answered without a marker, 1 when still refused or silent, -1 when the command
-// cannot be built or the first exchange fails locally.
+// cannot be built or an exchange fails locally (the first one without any repetition).
 int zunta_make_and_send_command(char (&buffer)[COMMAND_SIZE], int32_t index, int32_t value, const char* arg1,
                                 const char* arg2, char (&answer)[ANSWER_SIZE], const char* ip);
 
 // --- Catalogue: each returns 0 when the command went through, -1 otherwise ---
 
-int zunta_send_ath_mac(char (&buffer)[COMMAND_SIZE], ath* a, const char* mac);                   // 0
-int zunta_get_mesh_list(char (&buffer)[COMMAND_SIZE], ath* a);                                   // 1
+int zunta_send_ath_mac(char (&buffer)[COMMAND_SIZE], ath* a, const char* mac);                          // 0
+int zunta_get_mesh_list(char (&buffer)[COMMAND_SIZE], ath* a);                                          // 1
 int zunta_set_pattern(char (&buffer)[COMMAND_SIZE], const char* ip, const char* mac, int32_t pattern);  // 2
 // Command 2 with "1.<m>.0.<fallback>" in arg1.
 int zunta_set_pattern_with_fallback(char (&buffer)[COMMAND_SIZE], const char* ip, const char* mac,
@@ -67,13 +67,14 @@ int zunta_set_pattern_with_fallback(char (&buffer)[COMMAND_SIZE], const char* ip
 int zunta_start_dump(char (&buffer)[COMMAND_SIZE], const char* ip, const char* mac);  // 4
 // Command 5; parses the answer into the pair's txcs record txcs_count (see zunta_stop_training.cc).
 // Returns -1 only when the pair or its block is missing.
-int zunta_stop_training(char (&buffer)[COMMAND_SIZE], mesh_pair* mp, const char* peer_mac, const char* own_mac,
-                        const char* ip);
-int zunta_start_mesh_optimization(char (&buffer)[COMMAND_SIZE], ath* a, const char* mac);  // 6
+int zunta_stop_training(char (&buffer)[COMMAND_SIZE], mesh_pair* mp, const char* peer_mac,
+                        const char* own_mac, const char* ip);
+int zunta_start_mesh_optimization(char (&buffer)[COMMAND_SIZE], ath* a, const char* mac);     // 6
 int zunta_start_training(char (&buffer)[COMMAND_SIZE], const char* ip, const char* peer_ip);  // 8
 // Command 9; the answer is left in the caller's answer buffer (cleared by the caller).
 int zunta_get_module_client_list(char (&buffer)[COMMAND_SIZE], ath* a, char (&answer)[ANSWER_SIZE]);
-int zunta_set_pattern_tx(char (&buffer)[COMMAND_SIZE], const char* ip, const char* mac, int32_t pattern);  // 10
-int zunta_set_pattern_rx(char (&buffer)[COMMAND_SIZE], const char* ip, int32_t pattern);                 // 11
+int zunta_set_pattern_tx(char (&buffer)[COMMAND_SIZE], const char* ip, const char* mac,
+                         int32_t pattern);                                                // 10
+int zunta_set_pattern_rx(char (&buffer)[COMMAND_SIZE], const char* ip, int32_t pattern);  // 11
 
 #endif  // ZUNTA_COMMANDER_ZUNTA_COMMAND_H_

@@ -52,7 +52,9 @@ cycle_next train_once(cycle_state* s) {
          mp->meshkey);
     mp->txcs_count = 0;
     s->rx_update = 1;
-    zunta_trained_mesh_pair_add(coordinator, mp);
+    // A run that was refused measured nothing and leaves the pair untrained: it gets no trained
+    // copy, whose patterns would come from an empty block.
+    if (mp->trained == 1) zunta_trained_mesh_pair_add(coordinator, mp);
   }
   zunta_select_and_apply_patterns(s);
   zunta_snapshot_info(coordinator, s->opts);

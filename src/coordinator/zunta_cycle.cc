@@ -183,7 +183,9 @@ void training_pass(cycle_state* s) {
     mp->txcs_count = 0;
     ZLOG(COMP_CORE, LVL_I, "MeshPair %s ends training\n", mp->meshkey);
     s->rx_update = 1;
-    zunta_trained_mesh_pair_add(coordinator, mp);
+    // A run that was refused measured nothing and leaves the pair untrained: it gets no trained
+    // copy, whose patterns would come from an empty block.
+    if (mp->trained == 1) zunta_trained_mesh_pair_add(coordinator, mp);
   }
   zunta_select_and_apply_patterns(s);
   ZLOG(COMP_CORE, LVL_U, "Training ends\n");

@@ -17,27 +17,6 @@ void pause_interval(int32_t interval) {
   zunta_pause_us(static_cast<int64_t>(interval) * MICROSECONDS_PER_SECOND);
 }
 
-void start_measurement(mesh_pair* mp) {
-  zunta_start_dump(command, mp->left_ip, mp->right_mac);
-  zunta_start_dump(command, mp->right_ip, mp->left_mac);
-  if (zunta_start_training(command, mp->left_ip, mp->right_ip) != 0) {
-    ZLOG(COMP_TR, LVL_E, "Error while start training\n");
-  }
-  if (zunta_start_training(command, mp->right_ip, mp->left_ip) != 0) {
-    ZLOG(COMP_TR, LVL_E, "Error while start training\n");
-  }
-}
-
-void collect_results(mesh_pair* mp) {
-  mp->txcs_count = 0;  // every measurement goes to record 0
-  if (zunta_stop_training(command, mp, mp->right_mac, mp->left_mac, mp->left_ip) != 0) {
-    ZLOG(COMP_TR, LVL_E, "Error while stop training\n");
-  }
-  if (zunta_stop_training(command, mp, mp->left_mac, mp->right_mac, mp->right_ip) != 0) {
-    ZLOG(COMP_TR, LVL_E, "Error while stop training\n");
-  }
-}
-
 // A row only when both ends report a bitrate above zero.
 void print_row(const mesh_pair* mp, int32_t row_counter) {
   if (row_counter % HEADER_EVERY_ROWS == 0) {
@@ -66,9 +45,22 @@ void zunta_mp_measure_pass(struct coordinator* coordinator, int32_t interval, in
     return;
   }
   sa_list_for_each_entry(mp, &coordinator->mesh_pair_list, mesh_pair, list) {
-    start_measurement(mp);
+    zunta_start_dump(command, mp->left_ip, mp->right_mac);
+    zunta_start_dump(command, mp->right_ip, mp->left_mac);
+    if (zunta_start_training(command, mp->left_ip, mp->right_ip) != 0) {
+      ZLOG(COMP_TR, LVL_E, "Error while start training\n");
+    }
+    if (zunta_start_training(command, mp->right_ip, mp->left_ip) != 0) {
+      ZLOG(COMP_TR, LVL_E, "Error while start training\n");
+    }
     pause_interval(interval);
-    collect_results(mp);
+    mp->txcs_count = 0;  // every measurement goes to record 0
+    if (zunta_stop_training(command, mp, mp->right_mac, mp->left_mac, mp->left_ip) != 0) {
+      ZLOG(COMP_TR, LVL_E, "Error while stop training\n");
+    }
+    if (zunta_stop_training(command, mp, mp->left_mac, mp->right_mac, mp->right_ip) != 0) {
+      ZLOG(COMP_TR, LVL_E, "Error while stop training\n");
+    }
     print_row(mp, *row_counter);
     ++*row_counter;  // counts visits, printed or not
   }

@@ -53,11 +53,13 @@ void zunta_compute_best_mp_training(trained_mesh_pair* tp) {
       take(worst, rec, cfun);
     }
   }
-  // Without a qualifying round there is no evidence for any pattern: the pair keeps the patterns
-  // it had, and pattern application leaves its nodes alone when its radio is not the trained one.
+  // Without a qualifying round there is no evidence for any pattern: the pair holds no transmit
+  // pattern, which pattern application and receive selection never send and the status file
+  // shows as 0xffffffff.
   if (!best.found) {
-    ZLOG(COMP_TR, LVL_I, "No best pattern for %s: tx patterns stay left -> %d right -> %d\n", tp->meshkey,
-         tp->left_tx_pattern, tp->right_tx_pattern);
+    tp->left_tx_pattern = TX_PATTERN_NONE;
+    tp->right_tx_pattern = TX_PATTERN_NONE;
+    ZLOG(COMP_TR, LVL_I, "No best pattern for %s: no round qualifies\n", tp->meshkey);
     return;
   }
   tp->left_tx_pattern = best.left;

@@ -20,30 +20,6 @@ struct best_round {
   int32_t right;
 };
 
-// Patterns, dumps and measurements of one round on both ends, then the results of both ends.
-void measure_round(mesh_pair* mp, char (&buffer)[COMMAND_SIZE], int32_t left_pattern, int32_t right_pattern,
-                   const best_round& best) {
-  if (zunta_set_pattern_with_fallback(buffer, mp->left_ip, mp->right_mac, left_pattern, best.left,
-                                      FALLBACK_M) != 0)
-    ZLOG(COMP_TR, LVL_E, "Error while setting the pattern\n");
-  if (zunta_set_pattern_with_fallback(buffer, mp->right_ip, mp->left_mac, right_pattern, best.right,
-                                      FALLBACK_M) != 0)
-    ZLOG(COMP_TR, LVL_E, "Error while setting the pattern\n");
-  if (zunta_start_dump(buffer, mp->left_ip, mp->right_mac) != 0)
-    ZLOG(COMP_TR, LVL_E, "Error while starting the dump\n");
-  if (zunta_start_dump(buffer, mp->right_ip, mp->left_mac) != 0)
-    ZLOG(COMP_TR, LVL_E, "Error while starting the dump\n");
-  if (zunta_start_training(buffer, mp->left_ip, mp->right_ip) != 0)
-    ZLOG(COMP_TR, LVL_E, "Error while start training\n");
-  if (zunta_start_training(buffer, mp->right_ip, mp->left_ip) != 0)
-    ZLOG(COMP_TR, LVL_E, "Error while start training\n");
-  zunta_pause_us(TRAINING_ROUND_PAUSE_US);
-  if (zunta_stop_training(buffer, mp, mp->right_mac, mp->left_mac, mp->left_ip) != 0)
-    ZLOG(COMP_TR, LVL_E, "Error while stop training\n");
-  if (zunta_stop_training(buffer, mp, mp->left_mac, mp->right_mac, mp->right_ip) != 0)
-    ZLOG(COMP_TR, LVL_E, "Error while stop training\n");
-}
-
 // Logs the round's sums and progress and keeps the round when its moving-average sum is strictly
 // the best so far (a tie keeps the earlier round). The patterns kept are those the agents
 // reported; a report outside 0..3 cannot be applied, so such a round never becomes the best.
@@ -93,7 +69,27 @@ void zunta_mp_training(mesh_pair* mp, char (&buffer)[COMMAND_SIZE]) {
       ZLOG(COMP_TR, LVL_D,
            "Training ongoing: ip-left: %s - ip-right: %s - left-pattern: %d - right-pattern: %d\n",
            mp->left_ip, mp->right_ip, pattern_indeces[left], pattern_indeces[right]);
-      measure_round(mp, buffer, pattern_indeces[left], pattern_indeces[right], best);
+      // Patterns, dumps and measurements on both ends, then both ends' results. The errors are
+      // logged here, so their lines name this procedure.
+      if (zunta_set_pattern_with_fallback(buffer, mp->left_ip, mp->right_mac, pattern_indeces[left],
+                                          best.left, FALLBACK_M) != 0)
+        ZLOG(COMP_TR, LVL_E, "Error while setting the pattern\n");
+      if (zunta_set_pattern_with_fallback(buffer, mp->right_ip, mp->left_mac, pattern_indeces[right],
+                                          best.right, FALLBACK_M) != 0)
+        ZLOG(COMP_TR, LVL_E, "Error while setting the pattern\n");
+      if (zunta_start_dump(buffer, mp->left_ip, mp->right_mac) != 0)
+        ZLOG(COMP_TR, LVL_E, "Error while starting the dump\n");
+      if (zunta_start_dump(buffer, mp->right_ip, mp->left_mac) != 0)
+        ZLOG(COMP_TR, LVL_E, "Error while starting the dump\n");
+      if (zunta_start_training(buffer, mp->left_ip, mp->right_ip) != 0)
+        ZLOG(COMP_TR, LVL_E, "Error while start training\n");
+      if (zunta_start_training(buffer, mp->right_ip, mp->left_ip) != 0)
+        ZLOG(COMP_TR, LVL_E, "Error while start training\n");
+      zunta_pause_us(TRAINING_ROUND_PAUSE_US);
+      if (zunta_stop_training(buffer, mp, mp->right_mac, mp->left_mac, mp->left_ip) != 0)
+        ZLOG(COMP_TR, LVL_E, "Error while stop training\n");
+      if (zunta_stop_training(buffer, mp, mp->left_mac, mp->right_mac, mp->right_ip) != 0)
+        ZLOG(COMP_TR, LVL_E, "Error while stop training\n");
       evaluate_round(mp, mp->txcs_count, best);
       ++mp->txcs_count;
     }

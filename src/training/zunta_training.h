@@ -15,7 +15,7 @@ struct trained_mesh_pair;
 
 constexpr int32_t PATTERN_COUNT = 4;
 constexpr int32_t DEFAULT_PATTERN = 3;
-constexpr int32_t BENCHMARK_ROUND = 15;    // both ends on the default pattern
+constexpr int32_t BENCHMARK_ROUND = 15;      // both ends on the default pattern
 constexpr int32_t TRAINING_RADIO_INDEX = 2;  // only results of this radio count
 constexpr int64_t TRAINING_ROUND_PAUSE_US = 6000000;
 constexpr int32_t FALLBACK_M = 8;
@@ -24,7 +24,10 @@ constexpr int32_t FALLBACK_M = 8;
 extern const std::array<int32_t, PATTERN_COUNT> pattern_indeces;
 
 // True for a pattern index a node can apply, and so the only ones that index the results block.
-inline bool zunta_pattern_valid(int32_t pattern) { return pattern >= 0 && pattern < PATTERN_COUNT; }
+constexpr int32_t TX_PATTERN_NONE = -1;  // no round of the pair qualified
+inline bool zunta_pattern_valid(int32_t pattern) {
+  return pattern >= 0 && pattern < PATTERN_COUNT;
+}
 
 // --- Training ---
 

@@ -17,11 +17,11 @@ TEST(BestPatternTest, HighestSumOfAQualifyingReportedRoundWinsAndTheEarlierRound
   // Rounds 6 and 12 sum to the given values, every other round to its index; round 12 reports
   // the given left pattern where 0 was commanded. Then the expected left and right patterns.
   const int32_t cases[][6] = {
-      {2, 6, 12, 0, 3, 3},   // rising: round 15
-      {2, 50, 50, 0, 2, 1},  // tie: the earlier round
-      {2, 6, 50, 2, 2, 3},   // the reported pattern, not the commanded one
-      {2, 20, 50, 4, 2, 1},  // a report outside 0..3 is never best
-      {1, 6, 12, 0, 1, 1},   // another radio: no round qualifies, the patterns stay
+      {2, 6, 12, 0, 3, 3},    // rising: round 15
+      {2, 50, 50, 0, 2, 1},   // tie: the earlier round
+      {2, 6, 50, 2, 2, 3},    // the reported pattern, not the commanded one
+      {2, 20, 50, 4, 2, 1},   // a report outside 0..3 is never best
+      {1, 6, 12, 0, -1, -1},  // another radio: no round qualifies, no pattern
   };
   for (const auto& [radio, sum6, sum12, left12, left, right] : cases) {
     SCOPED_TRACE(left12 * 100 + sum6);
