@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
-
 #include "core/zunta_list.h"
 
 namespace {
@@ -21,15 +19,6 @@ TEST(TimeTest, MillisecondDifferences) {
   EXPECT_EQ(21, timediff(5u, 4294967280u));
   EXPECT_EQ(60, timediff(100u, 40u));
   EXPECT_EQ(-60, timediff(40u, 100u));
-}
-
-TEST(TimeTest, LocalTimeTexts) {
-  char systime[TIME_TEXT_SIZE];
-  char datetime[TIME_TEXT_SIZE];
-  print_systime(systime);
-  print_datetime(datetime);
-  EXPECT_TRUE(std::regex_match(systime, std::regex(R"(\d\d:\d\d:\d\d)"))) << systime;
-  EXPECT_TRUE(std::regex_match(datetime, std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)"))) << datetime;
 }
 
 struct item {
