@@ -28,3 +28,14 @@ TEST_F(GenerationTest, DirectGenerationPairsSingleListingsAndStopsAtAnUnknownNei
   EXPECT_EQ("13/1 ", pairs());
   EXPECT_TRUE(not_found == 0 && added == 1);
 }
+
+TEST_F(GenerationTest, ThreeNodesListingEachOtherGiveSixLinksAndThreePairs) {
+  ath* n[3] = {add_ath(1), add_ath(2), add_ath(3)};
+  for (int i = 0; i < 3; ++i)
+    for (int j = 1; j <= 3; ++j)
+      if (j != i + 1) lists(n[i], j);
+  uint8_t added = 0;
+  zunta_meshpair_generation_table_create(&c_, &added);
+  EXPECT_EQ(6, c_.mesh_link_count);
+  EXPECT_EQ("23/2 13/2 12/2 ", pairs());
+}
