@@ -33,37 +33,35 @@ bool is_loopback(const sockaddr_in& addr) {
   return (ntohl(addr.sin_addr.s_addr) >> 24) == 127;
 }
 
-unique_fd tcp_listener(const std::string& ip, uint16_t port, std::string* error) {
+namespace {
+
+// A socket of `type` bound to a loopback address; anything else is refused before any socket exists.
+unique_fd bound_socket(int type, const std::string& ip, uint16_t port, std::string* error) {
   sockaddr_in addr;
   if (!make_address(ip, port, &addr) || !is_loopback(addr)) {
     *error = "not a loopback address: " + ip;
     return unique_fd();
   }
-  unique_fd fd(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  unique_fd fd(socket(AF_INET, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (!fd.valid()) return failed(error, "socket");
   int one = 1;
   setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
   if (bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
     return failed(error, "bind " + ip + ":" + std::to_string(port));
   }
-  if (listen(fd.get(), LISTEN_BACKLOG) != 0) return failed(error, "listen " + ip);
+  return fd;
+}
+
+}  // namespace
+
+unique_fd tcp_listener(const std::string& ip, uint16_t port, std::string* error) {
+  unique_fd fd = bound_socket(SOCK_STREAM, ip, port, error);
+  if (fd.valid() && listen(fd.get(), LISTEN_BACKLOG) != 0) return failed(error, "listen " + ip);
   return fd;
 }
 
 unique_fd udp_bound(const std::string& ip, uint16_t port, std::string* error) {
-  sockaddr_in addr;
-  if (!make_address(ip, port, &addr) || !is_loopback(addr)) {
-    *error = "not a loopback address: " + ip;
-    return unique_fd();
-  }
-  unique_fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  if (!fd.valid()) return failed(error, "socket");
-  int one = 1;
-  setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  if (bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    return failed(error, "bind " + ip + ":" + std::to_string(port));
-  }
-  return fd;
+  return bound_socket(SOCK_DGRAM, ip, port, error);
 }
 
 unique_fd udp_sender(std::string* error) {
