@@ -1,8 +1,8 @@
 // The daemon's entry: the off-target overrides, then start-up and the cycle.
 #include <cstdio>
 
-#include "coordinator/zunta_cycle.h"
-#include "core/zunta_runtime.h"
+#include "coordinator/cycle.h"
+#include "core/runtime.h"
 
 int main(int argc, char** argv) {
   // Line buffering: every logged line reaches a pipe or a supervisor when it is written. The bytes

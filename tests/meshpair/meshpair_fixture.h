@@ -8,8 +8,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "coordinator/zunta_coordinator.h"
-#include "meshpair/zunta_meshpair.h"
+#include "meshpair/meshpair.h"
 
 inline std::string mac(int n) {
   return "aa:bb:cc:00:00:0" + std::to_string(n);
@@ -59,7 +58,7 @@ class MeshFixture : public ::testing::Test {
   void train_all() {
     sa_list_for_each_entry(p, &c_.mesh_pair_list, mesh_pair, list) zunta_trained_mesh_pair_add(&c_, p);
   }
-  struct coordinator c_ {};
+  mesh_tables c_{};
 };
 
 #endif  // ZUNTA_TESTS_MESHPAIR_MESHPAIR_FIXTURE_H_

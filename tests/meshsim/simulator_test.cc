@@ -15,7 +15,7 @@
 #include <tuple>
 #include <vector>
 
-#include "core/zunta_fd.h"
+#include "core/fd.h"
 #include "meshsim/generate.h"
 #include "meshsim/radio.h"
 #include "support/test_env.h"
@@ -215,8 +215,9 @@ TEST(ShippedExampleTest, AnswersDiscoveryAndEveryCommand) {
   const int clients[] = {4, 3, 3, 3}, neighbours[] = {2, 3, 3, 2};  // n4's radio -1 line scans too
   for (int k = 1; k <= 4; ++k) {
     std::string node = "127.0.7." + std::to_string(k);
-    EXPECT_EQ(clients[k - 1], scanned_lines(talk(node.c_str(), frame(ASK_CLIENTS)),
-                                            [&](const char* l) { return std::sscanf(l, "%17[^,]", mac) == 1; }))
+    EXPECT_EQ(clients[k - 1],
+              scanned_lines(talk(node.c_str(), frame(ASK_CLIENTS)),
+                            [&](const char* l) { return std::sscanf(l, "%17[^,]", mac) == 1; }))
         << node;
     EXPECT_EQ(neighbours[k - 1],
               scanned_lines(

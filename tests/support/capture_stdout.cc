@@ -5,7 +5,7 @@
 
 #include <cstdio>
 
-#include "core/zunta_log.h"
+#include "core/log.h"
 #include "support/test_env.h"
 
 capture_stdout::capture_stdout() {

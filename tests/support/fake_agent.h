@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "core/zunta_fd.h"
+#include "core/fd.h"
 
 class fake_agent {
  public:

@@ -6,8 +6,8 @@
 #include <fstream>
 #include <sstream>
 
-#include "core/zunta_log.h"
-#include "core/zunta_runtime.h"
+#include "core/log.h"
+#include "core/runtime.h"
 #include "support/test_env.h"
 
 namespace {

@@ -2,8 +2,8 @@
 #ifndef ZUNTA_TESTS_TRAINING_TRAINING_RECORDS_H_
 #define ZUNTA_TESTS_TRAINING_TRAINING_RECORDS_H_
 
-#include "core/zunta_text.h"
-#include "meshpair/zunta_meshpair.h"
+#include "core/text.h"
+#include "meshpair/meshpair.h"
 
 inline void name_node(char (&ip)[IP_TEXT_SIZE], char (&mac)[MAC_TEXT_SIZE], int n) {
   zunta_format_buffer(ip, sizeof ip, "127.0.6.%d", n);

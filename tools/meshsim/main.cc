@@ -11,7 +11,7 @@
 #include <cstring>
 #include <string>
 
-#include "core/zunta_fd.h"
+#include "core/fd.h"
 #include "meshsim/generate.h"
 #include "meshsim/simulator.h"
 

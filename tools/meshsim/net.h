@@ -7,7 +7,7 @@
 
 #include <netinet/in.h>
 
-#include "core/zunta_fd.h"
+#include "core/fd.h"
 
 namespace meshsim {
 

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "core/zunta_fd.h"
+#include "core/fd.h"
 
 namespace meshsim {
 

@@ -18,7 +18,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 
-#include "core/zunta_fd.h"
+#include "core/fd.h"
 #include "meshsim/agent.h"
 #include "meshsim/recorder.h"
 #include "meshsim/topology.h"

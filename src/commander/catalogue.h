@@ -1,0 +1,22 @@
+// The command catalogue: the commands addressed by IP and MAC texts. Commands addressed to a node
+// record live with the registry; the round result (command 5) lives with the training.
+#ifndef ZUNTA_COMMANDER_CATALOGUE_H_
+#define ZUNTA_COMMANDER_CATALOGUE_H_
+
+#include <cstdint>
+
+#include "commander/transport.h"
+
+// Each returns 0 when the command went through, -1 otherwise.
+
+int zunta_set_pattern(char (&buffer)[COMMAND_SIZE], const char* ip, const char* mac, int32_t pattern);  // 2
+// Command 2 with "1.<m>.0.<fallback>" in arg1.
+int zunta_set_pattern_with_fallback(char (&buffer)[COMMAND_SIZE], const char* ip, const char* mac,
+                                    int32_t pattern, int32_t fallback, int32_t m);
+int zunta_start_dump(char (&buffer)[COMMAND_SIZE], const char* ip, const char* mac);          // 4
+int zunta_start_training(char (&buffer)[COMMAND_SIZE], const char* ip, const char* peer_ip);  // 8
+int zunta_set_pattern_tx(char (&buffer)[COMMAND_SIZE], const char* ip, const char* mac,
+                         int32_t pattern);                                                // 10
+int zunta_set_pattern_rx(char (&buffer)[COMMAND_SIZE], const char* ip, int32_t pattern);  // 11
+
+#endif  // ZUNTA_COMMANDER_CATALOGUE_H_

@@ -1,0 +1,56 @@
+// The node agent command channel: one 1024-byte command per TCP connection, answered by text
+// lines and the marker "ack" or "nack", and the repetition of refused or silent exchanges.
+#ifndef ZUNTA_COMMANDER_TRANSPORT_H_
+#define ZUNTA_COMMANDER_TRANSPORT_H_
+
+#include <cstddef>
+#include <cstdint>
+
+constexpr std::size_t COMMAND_SIZE = 1024;
+constexpr std::size_t ANSWER_SIZE = 1024;
+constexpr int32_t COMMAND_INDEX_MAX = 11;
+constexpr int COMMAND_RETRIES = 20;
+
+// Placeholders where a command needs no address or no MAC.
+constexpr char PLACEHOLDER_IP[] = "127.0.0.1";
+constexpr char ZERO_MAC[] = "00:00:00:00:00:00";
+
+// Command indexes (3 and 7 exist in the framing but are never sent).
+enum : int32_t {
+  CMD_SEND_ATH_MAC = 0,
+  CMD_GET_MESH_LIST = 1,
+  CMD_SET_PATTERN = 2,
+  CMD_START_DUMP = 4,
+  CMD_STOP_TRAINING = 5,
+  CMD_START_MESH_OPTIMIZATION = 6,
+  CMD_START_TRAINING = 8,
+  CMD_GET_MODULE_CLIENT_LIST = 9,
+  CMD_SET_PATTERN_TX = 10,
+  CMD_SET_PATTERN_RX = 11,
+};
+
+// The global command buffer through which the coordinator sends every command.
+extern char command[COMMAND_SIZE];
+
+// --- Transport ---
+
+// Writes "index,value,arg1 arg2\n" into buffer (cut to 1023 characters, NUL-terminated; the bytes
+// after the NUL are left as they were). -1 when index > 11.
+int zunta_make_command(char (&buffer)[COMMAND_SIZE], int32_t index, int32_t value, const char* arg1,
+                       const char* arg2);
+
+// One exchange with the agent at the dotted IPv4 text ip: sends all 1024 bytes of buffer on a
+// fresh connection and reads until "ack" or "nack". Answer text read before the marker is
+// appended to answer (kept NUL-terminated; what does not fit is dropped).
+// Returns 0 ack, 1 nack or nothing received, 2 text without a marker, -1 local failure (no
+// connection attempt is made for an ip that is not dotted IPv4).
+int zunta_send_command(char (&buffer)[COMMAND_SIZE], char (&answer)[ANSWER_SIZE], const char* ip);
+
+// Builds the command and sends it, repeating a refused, silent or unmarked exchange up to 20 more
+// times at one-second pauses, with the answer text of every attempt accumulating. Returns 0 when
+// acknowledged or answered without a marker, 1 when still refused or silent, -1 when the command
+// cannot be built or an exchange fails locally (the first one without any repetition).
+int zunta_make_and_send_command(char (&buffer)[COMMAND_SIZE], int32_t index, int32_t value, const char* arg1,
+                                const char* arg2, char (&answer)[ANSWER_SIZE], const char* ip);
+
+#endif  // ZUNTA_COMMANDER_TRANSPORT_H_

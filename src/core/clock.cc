@@ -1,0 +1,52 @@
+// Millisecond clock and local-time texts.
+#include "core/clock.h"
+
+#include <ctime>
+
+#include "core/log.h"
+#include "core/platform.h"
+
+int32_t timevaldiff(const timeval* from, const timeval* to) {
+  if (from == nullptr || to == nullptr) {
+    ZLOG(COMP_CORE, LVL_E, "null pointer\n");
+    return 0;
+  }
+  // Seconds are multiplied in 32 bits and the sum wraps as a 32-bit value, by design; unsigned
+  // arithmetic keeps the wrap defined.
+  uint32_t seconds = static_cast<uint32_t>(to->tv_sec - from->tv_sec);
+  int64_t micros = static_cast<int64_t>(to->tv_usec) - static_cast<int64_t>(from->tv_usec);
+  uint32_t sum = seconds * 1000u + static_cast<uint32_t>(micros / 1000);
+  return static_cast<int32_t>(sum);
+}
+
+int32_t uptime_ms() {
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  return timevaldiff(&global_log.start_time, &now);
+}
+
+int32_t timediff(uint32_t now, uint32_t then) {
+  return static_cast<int32_t>(now - then);
+}
+
+namespace {
+
+void format_local_time(char (&text)[TIME_TEXT_SIZE], const char* format) {
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  time_t seconds = now.tv_sec;
+  tm local{};
+  if (localtime_r(&seconds, &local) == nullptr || strftime(text, sizeof text, format, &local) == 0) {
+    text[0] = '\0';
+  }
+}
+
+}  // namespace
+
+void print_systime(char (&text)[TIME_TEXT_SIZE]) {
+  format_local_time(text, "%H:%M:%S");
+}
+
+void print_datetime(char (&text)[TIME_TEXT_SIZE]) {
+  format_local_time(text, "%F %H:%M:%S");
+}

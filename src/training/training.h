@@ -1,0 +1,67 @@
+// Antenna training of mesh pairs, the choice of transmit and receive patterns, and their
+// application to the nodes.
+#ifndef ZUNTA_TRAINING_TRAINING_H_
+#define ZUNTA_TRAINING_TRAINING_H_
+
+#include <array>
+#include <cstdint>
+
+#include "commander/catalogue.h"
+
+struct ath;
+struct mesh_pair;
+struct mesh_tables;
+struct trained_mesh_pair;
+
+constexpr int32_t PATTERN_COUNT = 4;
+constexpr int32_t DEFAULT_PATTERN = 3;
+constexpr int32_t BENCHMARK_ROUND = 15;      // both ends on the default pattern
+constexpr int32_t TRAINING_RADIO_INDEX = 2;  // only results of this radio count
+constexpr int64_t TRAINING_ROUND_PAUSE_US = 6000000;
+constexpr int32_t FALLBACK_M = 8;
+
+// Pattern indexes walked by training: round r uses entry r % 4 on the left, r / 4 on the right.
+extern const std::array<int32_t, PATTERN_COUNT> pattern_indeces;
+
+// True for a pattern index a node can apply, and so the only ones that index the results block.
+constexpr int32_t TX_PATTERN_NONE = -1;  // no round of the pair qualified
+inline bool zunta_pattern_valid(int32_t pattern) {
+  return pattern >= 0 && pattern < PATTERN_COUNT;
+}
+
+// --- Training ---
+
+// Trains one pair in sixteen rounds into its txcs block and prints its training table. Refuses
+// (error line, nothing sent) a pair without block or whose txcs_count is not 0.
+void zunta_mp_training(mesh_pair* mp, char (&buffer)[COMMAND_SIZE]);
+void zunta_dump_training_table(mesh_pair* mp, int32_t left_best, int32_t right_best);
+// Command 5 to the node at ip: its statistics line about peer_mac goes into the pair's round record
+// txcs_count (own_mac names the reporting node). Returns -1 only when the pair or its block is missing.
+int zunta_stop_training(char (&buffer)[COMMAND_SIZE], mesh_pair* mp, const char* peer_mac,
+                        const char* own_mac, const char* ip);
+// Writes "<status>\n" to the training status file. 0, or -1 when it cannot be opened.
+int32_t zunta_write_mp_training_status(int32_t status);
+
+// --- Selection ---
+
+// Stores the pair's best transmit patterns (highest sum of the two moving averages). Only rounds
+// of radio 2 whose reported patterns lie in 0..3 qualify; without one the patterns are kept.
+void zunta_compute_best_mp_training(trained_mesh_pair* tp);
+int32_t zunta_get_double_pattern_index(int32_t left_index, int32_t right_index);
+
+// Scores every mesh node's receive patterns over its trained pairs and commands the best one.
+int zunta_compute_rx_antennas(mesh_tables* coordinator, char (&buffer)[COMMAND_SIZE]);
+int32_t zunta_compute_rx_cfun(trained_mesh_pair* tp, ath* a, int32_t side);
+// 0.0 (no evidence either way, the block unread) when `pattern` or the other end's stored
+// transmit pattern lies outside 0..3.
+float zunta_compute_rx_score(trained_mesh_pair* tp, int32_t pattern, int32_t side);
+
+// --- Application ---
+
+// Sends nothing for a pair not trained on radio 2 or with a stored pattern outside 0..3.
+void zunta_set_best_antenna_pattern(trained_mesh_pair* tp, char (&buffer)[COMMAND_SIZE]);
+void zunta_set_default_antenna_pattern(mesh_pair* mp);
+void zunta_set_manual_antenna_pattern(mesh_pair* mp, char (&buffer)[COMMAND_SIZE], int32_t left_pattern,
+                                      int32_t right_pattern);
+
+#endif  // ZUNTA_TRAINING_TRAINING_H_

@@ -1,0 +1,103 @@
+// The command channel against a scripted agent on loopback, with the time scale small.
+#include "commander/transport.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "core/log.h"
+#include "support/capture_stdout.h"
+#include "support/fake_agent.h"
+#include "support/test_env.h"
+
+namespace {
+
+using ::testing::HasSubstr;
+
+class CommandChannelTest : public ::testing::Test {
+ protected:
+  static constexpr char AGENT_IP[] = "127.0.3.2";
+  void start_agent(fake_agent::script replies) {
+    agent_ = std::make_unique<fake_agent>(AGENT_IP, test_agent_port(), std::move(replies));
+    ASSERT_TRUE(agent_->running()) << "cannot listen on " << AGENT_IP;
+  }
+  // Sends command 9 with retries; gives the wrapper's result.
+  int send9() {
+    return zunta_make_and_send_command(command_, 9, -1, PLACEHOLDER_IP, ZERO_MAC, answer_, AGENT_IP);
+  }
+  std::unique_ptr<fake_agent> agent_;
+  char command_[COMMAND_SIZE] = {};
+  char answer_[ANSWER_SIZE] = {};
+};
+
+TEST_F(CommandChannelTest, TheWholeBufferGoesOnTheWire) {
+  start_agent({{"ack"}});
+  std::memset(command_, 'z', sizeof command_);  // leftovers of an earlier, longer command line
+  ASSERT_EQ(0, zunta_make_command(command_, 9, -1, PLACEHOLDER_IP, ZERO_MAC));
+  EXPECT_EQ(0, zunta_send_command(command_, answer_, AGENT_IP));
+  agent_->stop();
+  ASSERT_EQ(1u, agent_->frames().size());
+  std::string frame = agent_->frames()[0];
+  ASSERT_EQ(1024u, frame.size());
+  EXPECT_EQ(std::string("9,-1,127.0.0.1 00:00:00:00:00:00\n\0zz", 36), frame.substr(0, 36));
+  EXPECT_STREQ("", answer_);
+}
+
+TEST_F(CommandChannelTest, AnswerLinesBeforeTheMarkerAreKept) {
+  start_agent({{"aa:bb:cc:00:00:01,2,3\n", "aa:bb:cc:00:00:02,2,1\n", "ack"}});
+  EXPECT_EQ(0, send9());
+  EXPECT_STREQ("aa:bb:cc:00:00:01,2,3\naa:bb:cc:00:00:02,2,1\n", answer_);
+}
+
+TEST_F(CommandChannelTest, TextInTheSameReadAsTheMarkerIsLost) {
+  start_agent({{"aa:bb:cc:00:00:01,2,3\nack"}});
+  EXPECT_EQ(0, send9());
+  EXPECT_STREQ("", answer_);
+}
+
+TEST_F(CommandChannelTest, RefusalIsRepeatedTwentyTimesThenGivenUp) {
+  start_agent({{"nack"}});
+  log_level_scope verbose(LVL_I);
+  capture_stdout out;
+  EXPECT_EQ(1, send9());
+  EXPECT_THAT(out.text(), HasSubstr("Maximum number of requests is reached\n"));
+  agent_->stop();
+  EXPECT_EQ(21u, agent_->commands().size());
+}
+
+TEST_F(CommandChannelTest, SilenceCountsAsRefusal) {
+  start_agent({{}, {"ack"}});
+  EXPECT_EQ(1, zunta_send_command(command_, answer_, AGENT_IP));
+  EXPECT_EQ(0, send9());  // the next connection is acknowledged
+}
+
+TEST_F(CommandChannelTest, UnmarkedAnswersAccumulateUpToTheBuffer) {
+  std::string line = std::string(59, 'x') + "\n";  // 60 bytes: 21 attempts would hold 1260
+  start_agent({{line}});
+  EXPECT_EQ(2, zunta_send_command(command_, answer_, AGENT_IP));
+  std::memset(answer_, 0, sizeof answer_);
+  EXPECT_EQ(0, send9());
+  EXPECT_EQ(1023u, std::strlen(answer_));
+  EXPECT_EQ(line + line, std::string(answer_, 120));
+  agent_->stop();
+  EXPECT_EQ(22u, agent_->commands().size());
+}
+
+TEST_F(CommandChannelTest, LocalFailuresAreNotRepeated) {
+  // Nobody listens on this address: the connection is refused.
+  EXPECT_EQ(-1,
+            zunta_make_and_send_command(command_, 1, -1, PLACEHOLDER_IP, ZERO_MAC, answer_, "127.0.3.99"));
+  start_agent({{"ack"}});
+  for (const char* ip : {"127.0.3", "localhost", "127.0.3.2.1", ""}) {
+    SCOPED_TRACE(ip);
+    EXPECT_EQ(-1, zunta_make_and_send_command(command_, 1, -1, PLACEHOLDER_IP, ZERO_MAC, answer_, ip));
+  }
+  EXPECT_EQ(-1, zunta_make_command(command_, 12, -1, PLACEHOLDER_IP, ZERO_MAC));
+  agent_->stop();
+  EXPECT_TRUE(agent_->commands().empty());
+}
+
+}  // namespace
