@@ -2,13 +2,15 @@
 // both ends of every trained mesh pair, rewritten whole on every call.
 #include "coordinator/snapshot.h"
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 #include "coordinator/coordinator.h"
 #include "coordinator/options.h"
+#include "core/atomic_file.h"
 #include "core/clock.h"
-#include "core/fd.h"
 #include "core/log.h"
 #include "core/runtime.h"
 #include "meshpair/meshpair.h"
@@ -61,14 +63,15 @@ int zunta_snapshot_info(struct coordinator* coordinator, const options* opts) {
     ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for options\n");
     return -1;
   }
-  unique_file file(std::fopen(zunta_snapshot_path(), "w"));
-  if (!file) {
+  // Readers find the previous document until the new one is complete.
+  replacement_file file;
+  if (file.open(zunta_snapshot_path()) != 0) {
     ZLOG(COMP_CORE, LVL_E, "ERROR opening file %s!\n", zunta_snapshot_path());
     return -1;
   }
   char now[TIME_TEXT_SIZE];
   print_systime(now);
-  std::FILE* out = file.get();
+  std::FILE* out = file.stream();
   std::fprintf(out, "{\n");
   std::fprintf(out, "  \"version\": \"%s %s\",\n", ZUNTA_VERSION, ZUNTA_BUILD);
   std::fprintf(out, "  \"systime\": \"%s\",\n", now);
@@ -81,5 +84,9 @@ int zunta_snapshot_info(struct coordinator* coordinator, const options* opts) {
   }
   std::fprintf(out, "  ]\n");
   std::fprintf(out, "}\n");
+  if (file.commit() != 0) {
+    ZLOG(COMP_CORE, LVL_E, "ERROR writing file %s: %s\n", zunta_snapshot_path(), std::strerror(errno));
+    return -1;
+  }
   return 0;
 }

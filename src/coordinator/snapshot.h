@@ -1,4 +1,4 @@
-// The status snapshot: a small JSON-style file rewritten several times per cycle.
+// The status snapshot: a small JSON-style file replaced several times per cycle.
 #ifndef ZUNTA_COORDINATOR_SNAPSHOT_H_
 #define ZUNTA_COORDINATOR_SNAPSHOT_H_
 
@@ -8,8 +8,8 @@ struct options;
 constexpr char ZUNTA_VERSION[] = "2.11";
 constexpr char ZUNTA_BUILD[] = "(B251017.0000)";
 
-// Rewrites the snapshot file (zunta_snapshot_path()). 0, or -1 when it cannot be opened (the old
-// file then stays as it was).
+// Replaces the snapshot file (zunta_snapshot_path()) with a new document, by rename. 0, or -1 when
+// the new file cannot be created or written (one error line; the previous document stays).
 int zunta_snapshot_info(struct coordinator* coordinator, const options* opts);
 
 #endif  // ZUNTA_COORDINATOR_SNAPSHOT_H_

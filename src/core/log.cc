@@ -1,6 +1,8 @@
 // The logger's record, its three prefixes and the dump file.
 #include "core/log.h"
 
+#include <fcntl.h>
+
 #include <cstdarg>
 #include <cstdio>
 
@@ -43,8 +45,12 @@ int log_record(const char* func, int line, int component, int level, const char*
 }
 
 void dump_record(const char* format, ...) {
-  unique_file file(std::fopen(global_log.dump_file, "a"));
+  // A link planted at the name is not followed: the text would land in whatever it points to.
+  unique_fd fd(::open(global_log.dump_file, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0644));
+  if (!fd.valid()) return;
+  unique_file file(fdopen(fd.get(), "a"));
   if (!file) return;
+  fd.release();
   va_list args;
   va_start(args, format);
   std::vfprintf(file.get(), format, args);

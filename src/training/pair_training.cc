@@ -1,9 +1,11 @@
 // Training of one mesh pair: sixteen rounds over every combination of the two ends' patterns,
 // the training table printed at the end, and the training status file.
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
+#include "core/atomic_file.h"
 #include "core/clock.h"
-#include "core/fd.h"
 #include "core/log.h"
 #include "core/runtime.h"
 #include "meshpair/meshpair.h"
@@ -126,11 +128,15 @@ void zunta_dump_training_table(mesh_pair* mp, int32_t left_best, int32_t right_b
 
 int32_t zunta_write_mp_training_status(int32_t status) {
   const char* path = zunta_training_status_path();
-  unique_file file(std::fopen(path, "w"));
-  if (!file) {
+  replacement_file file;
+  if (file.open(path) != 0) {
     ZLOG(COMP_CORE, LVL_E, "File %s open error\n", path);
     return -1;
   }
-  std::fprintf(file.get(), "%d\n", status);
+  std::fprintf(file.stream(), "%d\n", status);
+  if (file.commit() != 0) {
+    ZLOG(COMP_CORE, LVL_E, "File %s write error: %s\n", path, std::strerror(errno));
+    return -1;
+  }
   return 0;
 }

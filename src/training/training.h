@@ -39,7 +39,8 @@ void zunta_dump_training_table(mesh_pair* mp, int32_t left_best, int32_t right_b
 // txcs_count (own_mac names the reporting node). Returns -1 only when the pair or its block is missing.
 int zunta_stop_training(char (&buffer)[COMMAND_SIZE], mesh_pair* mp, const char* peer_mac,
                         const char* own_mac, const char* ip);
-// Writes "<status>\n" to the training status file. 0, or -1 when it cannot be opened.
+// Replaces the training status file with "<status>\n", by rename. 0, or -1 when the new file
+// cannot be created or written (one error line; the previous file stays).
 int32_t zunta_write_mp_training_status(int32_t status);
 
 // --- Selection ---

@@ -1,15 +1,21 @@
-// The status file byte for byte (its clock masked), and an open that fails leaving the old file.
+// The status file byte for byte (its clock masked); failures that leave the old file; a reader
+// never sees part of a document; a link at the name is replaced, never written through.
 #include "coordinator/snapshot.h"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
 
 #include "coordinator/coordinator.h"
 #include "coordinator/options.h"
 #include "core/runtime.h"
 #include "meshpair/meshpair.h"
+#include "support/capture_stdout.h"
 #include "support/test_env.h"
 
 const std::string HEAD = R"doc({
@@ -74,4 +80,61 @@ TEST(SnapshotTest, NoPairTwoPairsAndAFailedOpenThatKeepsTheOldFile) {
   EXPECT_EQ(HEAD + "  ]\n}\n", written()) << "the old file stays";
   ASSERT_EQ(0, zunta_snapshot_info(&coord, &opts));
   EXPECT_EQ(HEAD + PAIR + PAIR + "  ]\n}\n", written()) << "replaced, each object closed with a comma";
+}
+
+TEST(SnapshotTest, ReadersSeeWholeDocumentsAndALinkAtTheNameIsReplacedNotFollowed) {
+  struct coordinator coord = {};
+  INIT_SA_LIST_HEAD(&coord.ath_list);
+  INIT_SA_LIST_HEAD(&coord.trained_mesh_pair_list);
+  const options opts = {0, "", 0, 4, 30};
+  const std::string path = zunta_snapshot_path();
+  const std::string victim = test_dir() + "/victim";
+  write_file(victim, "kept\n");
+  unlink(path.c_str());
+  ASSERT_EQ(0, symlink(victim.c_str(), path.c_str()));
+  ASSERT_EQ(0, zunta_snapshot_info(&coord, &opts));
+  EXPECT_EQ("kept\n", read_file(victim));
+  struct stat st = {};
+  ASSERT_EQ(0, lstat(path.c_str(), &st));
+  EXPECT_TRUE(S_ISREG(st.st_mode));
+  EXPECT_EQ(0644u, st.st_mode & 07777u) << "other processes read it";
+
+  std::atomic<bool> done{false};
+  int reads = 0, partial = 0;
+  std::thread reader([&] {
+    for (; !done; ++reads) {
+      std::string text = read_file(path);
+      if (text.rfind("{\n", 0) != 0 || text.size() < 4 || text.compare(text.size() - 4, 4, "]\n}\n") != 0)
+        ++partial;
+    }
+  });
+  for (int i = 0; i < 300; ++i)
+    zunta_snapshot_info(&coord, &opts);
+  done = true;
+  reader.join();
+  EXPECT_EQ(0, partial) << "of " << reads << " reads";
+  EXPECT_EQ(std::vector<std::string>{"zunta-sa.log"}, dir_entries(test_dir(), "zunta-sa.log"));
+}
+
+TEST(SnapshotTest, AFailedWriteIsLoggedOnceAndKeepsThePreviousDocument) {
+  struct coordinator coord = {};
+  INIT_SA_LIST_HEAD(&coord.ath_list);
+  INIT_SA_LIST_HEAD(&coord.trained_mesh_pair_list);
+  const options opts = {0, "", 0, 4, 30};
+  ASSERT_EQ(0, zunta_snapshot_info(&coord, &opts));
+  const std::string before = read_file(zunta_snapshot_path());
+  trained_mesh_pair tp[4] = {};
+  for (trained_mesh_pair& p : tp)
+    sa_list_add(&p.list, &coord.trained_mesh_pair_list);
+  capture_stdout out;
+  {
+    file_size_limit full(before.size() + 100);  // room for the log line, not for four pairs
+    EXPECT_EQ(-1, zunta_snapshot_info(&coord, &opts));
+  }
+  EXPECT_EQ(before, read_file(zunta_snapshot_path()));
+  EXPECT_EQ(std::vector<std::string>{"zunta-sa.log"}, dir_entries(test_dir(), "zunta-sa.log"));
+  std::string text = out.text();
+  EXPECT_EQ(1, std::count(text.begin(), text.end(), '\n')) << text;
+  EXPECT_EQ(0u, text.find("ZUNTA: ERROR: zunta_snapshot_info:")) << text;
+  EXPECT_NE(std::string::npos, text.find(std::string(zunta_snapshot_path()) + ": File too large\n")) << text;
 }

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <regex>
 #include <string>
@@ -47,7 +48,7 @@ TEST(LoggerTest, NothingIsPrintedBeforeLoggingStarts) {
   EXPECT_EQ("", text);
 }
 
-TEST(LoggerTest, DumpRecordAppendsAndDropsTextWhenTheFileCannotBeOpened) {
+TEST(LoggerTest, DumpRecordAppendsAndDropsTextWhenTheFileCannotBeOpenedOrIsALink) {
   std::string path = test_dir() + "/dump.log";
   char saved[sizeof global_log.dump_file];
   std::snprintf(saved, sizeof saved, "%s", global_log.dump_file);
@@ -56,6 +57,10 @@ TEST(LoggerTest, DumpRecordAppendsAndDropsTextWhenTheFileCannotBeOpened) {
   dump_record("second\n");
   std::snprintf(global_log.dump_file, sizeof global_log.dump_file, "%s", "/nonexistent-dir/dump.log");
   dump_record("dropped\n");
+  std::string link = test_dir() + "/dump-link.log";
+  ASSERT_EQ(0, symlink(path.c_str(), link.c_str()));
+  std::snprintf(global_log.dump_file, sizeof global_log.dump_file, "%s", link.c_str());
+  dump_record("not through a link\n");
   std::snprintf(global_log.dump_file, sizeof global_log.dump_file, "%s", saved);
   EXPECT_EQ("first 1\nsecond\n", read_file(path));
 }

@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstring>
 
+#include "core/runtime.h"
 #include "support/fake_agent.h"
 #include "support/test_env.h"
 #include "training/training.h"
@@ -50,4 +52,23 @@ TEST(TrainingRunTest, FallbackIsTheBestValidReportSoFarAndTiesKeepTheEarlierRoun
                                       "2", "2"}),
             fallbacks);
   EXPECT_EQ(1, mp.trained);
+}
+
+// A link planted at the name is replaced, never written through; a write that fails (a full disk)
+// leaves the previous file whole and no new file behind.
+TEST(TrainingStatusFileTest, ReplacedWholeOrNotAtAll) {
+  const std::string path = zunta_training_status_path();
+  const std::string victim = test_dir() + "/status-victim";
+  write_file(victim, "kept\n");
+  unlink(path.c_str());
+  ASSERT_EQ(0, symlink(victim.c_str(), path.c_str()));
+  EXPECT_EQ(0, zunta_write_mp_training_status(1));
+  EXPECT_EQ("kept\n", read_file(victim));
+  EXPECT_EQ("1\n", read_file(path));
+  {
+    file_size_limit full(4);
+    EXPECT_EQ(-1, zunta_write_mp_training_status(-123456));
+  }
+  EXPECT_EQ("1\n", read_file(path));
+  EXPECT_EQ(std::vector<std::string>{"training_status.log"}, dir_entries(test_dir(), "training_status.log"));
 }
