@@ -19,9 +19,41 @@ int32_t timevaldiff(const timeval* from, const timeval* to) {
   return static_cast<int32_t>(sum);
 }
 
+namespace {
+
+void read_monotonic(timeval* now) {
+  timespec t{};
+  clock_gettime(CLOCK_MONOTONIC, &t);
+  now->tv_sec = t.tv_sec;
+  now->tv_usec = static_cast<decltype(now->tv_usec)>(t.tv_nsec / 1000);
+}
+
+void read_wall(timeval* now) {
+  gettimeofday(now, nullptr);
+}
+
+clock_sources g_clock = {read_monotonic, read_wall};
+
+}  // namespace
+
+clock_sources zunta_set_clock_sources(clock_sources sources) {
+  clock_sources previous = g_clock;
+  if (sources.monotonic != nullptr) g_clock.monotonic = sources.monotonic;
+  if (sources.wall != nullptr) g_clock.wall = sources.wall;
+  return previous;
+}
+
+void zunta_monotonic_time(timeval* now) {
+  g_clock.monotonic(now);
+}
+
+void zunta_wall_time(timeval* now) {
+  g_clock.wall(now);
+}
+
 int32_t uptime_ms() {
   timeval now{};
-  gettimeofday(&now, nullptr);
+  zunta_monotonic_time(&now);
   return timevaldiff(&global_log.start_time, &now);
 }
 
@@ -33,7 +65,7 @@ namespace {
 
 void format_local_time(char (&text)[TIME_TEXT_SIZE], const char* format) {
   timeval now{};
-  gettimeofday(&now, nullptr);
+  zunta_wall_time(&now);
   time_t seconds = now.tv_sec;
   tm local{};
   if (localtime_r(&seconds, &local) == nullptr || strftime(text, sizeof text, format, &local) == 0) {

@@ -1,4 +1,7 @@
-// Millisecond clock of the logger and the discovery timer, and local-time texts.
+// Millisecond clock of the logger and the discovery timer, and local-time texts. The millisecond
+// clock runs on a monotonic source, so setting the time of day (by hand or by time
+// synchronisation at boot) moves only the local-time texts, never the stamps or the discovery
+// period.
 #ifndef ZUNTA_CORE_CLOCK_H_
 #define ZUNTA_CORE_CLOCK_H_
 
@@ -13,7 +16,22 @@ constexpr std::size_t TIME_TEXT_SIZE = 32;
 // A missing argument logs "null pointer" and gives 0.
 int32_t timevaldiff(const timeval* from, const timeval* to);
 
-// Real milliseconds since log_init (never scaled). Requires log_init to have run.
+// The two time sources, each filling a time value: `monotonic` counts from an arbitrary origin and
+// never jumps; `wall` is the time of day. The product reads CLOCK_MONOTONIC and gettimeofday;
+// tests install their own.
+using clock_source = void (*)(timeval* now);
+struct clock_sources {
+  clock_source monotonic;
+  clock_source wall;
+};
+
+// Installs `sources` (a null member keeps the current one) and returns the previous pair.
+clock_sources zunta_set_clock_sources(clock_sources sources);
+void zunta_monotonic_time(timeval* now);
+void zunta_wall_time(timeval* now);
+
+// Real milliseconds of the monotonic source since log_init (never scaled). Requires log_init to
+// have run.
 int32_t uptime_ms();
 
 // now - then of two 32-bit millisecond readings, modulo 2^32 and read as signed, so a wrap of

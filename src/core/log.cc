@@ -23,7 +23,9 @@ int log_init(int32_t level, int32_t aux) {
     c.aux = 0;
   }
   global_log.components[COMP_DUMP].aux = aux;
-  gettimeofday(&global_log.start_time, &global_log.start_tz);
+  // The origin of the stamps is read from the monotonic clock, which a change of the time of day
+  // does not move; start_tz keeps its place in the record and stays empty.
+  zunta_monotonic_time(&global_log.start_time);
   return 0;
 }
 

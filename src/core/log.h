@@ -36,8 +36,8 @@ struct log_component {
 struct log_state {
   log_component components[LOG_COMPONENT_COUNT];
   char dump_file[128];
-  timeval start_time;  // origin of uptime_ms()
-  struct timezone start_tz;
+  timeval start_time;        // origin of uptime_ms(), on the monotonic clock
+  struct timezone start_tz;  // nothing reads it
 };
 
 extern log_state global_log;
@@ -45,7 +45,7 @@ extern log_state global_log;
 extern log_state* g_log;
 
 // Points g_log at global_log, sets every component to `level`, DUMP's aux to `aux`, and takes the
-// start time. Always returns 0.
+// start time from the monotonic clock. Always returns 0.
 int log_init(int32_t level, int32_t aux);
 
 // Prints the prefix for `level` and the formatted message on standard output. Does not filter:
@@ -54,7 +54,7 @@ int log_record(const char* func, int line, int component, int level, const char*
     __attribute__((format(printf, 5, 6)));
 
 // Appends the formatted text to the dump file, opening and closing it on every call. When the file
-// cannot be opened the text is dropped.
+// cannot be opened, or its name is a symbolic link, the text is dropped.
 void dump_record(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // The level test runs at the call site, so a disabled message costs one compare and its arguments

@@ -7,6 +7,7 @@
 #include <poll.h>
 
 #include <chrono>
+#include <climits>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -16,7 +17,9 @@
 #include "coordinator/options.h"
 #include "core/clock.h"
 #include "core/fd.h"
+#include "core/runtime.h"
 #include "registry/ath.h"
+#include "support/fake_clock.h"
 
 // Answers are kept in order, one per line, up to the collection's capacity (later ones dropped,
 // nothing written past the buffer); the parse skips malformed, over-long and known lines; a second
@@ -75,4 +78,30 @@ TEST(DiscoveryTest, OneRequestPerPeriodAndAnswersKeptInOrderUpToTheLimit) {
   EXPECT_EQ(0, zunta_mesh_nodes_discovery(&c, &new_broadcast, buffer));
   EXPECT_EQ(nullptr, std::memchr(buffer, 'x', sizeof buffer));
   EXPECT_EQ(-1, recv(responder.get(), nullptr, 0, MSG_DONTWAIT | MSG_TRUNC));
+}
+
+// The period runs on the monotonic clock: requests keep their rhythm across the wrap of the signed
+// 32-bit uptime (after 24.8 days) and when the time of day is set back by a day.
+TEST(DiscoveryTest, OneRequestPerPeriodAcrossTheUptimeWrapAndAClockSetBackADay) {
+  fake_clock clock;
+  struct coordinator c = {};
+  options opts = {0, "127.0.2.255", 24622, 0, 0};
+  ASSERT_EQ(0, zunta_coordinator_init(&c, &opts));
+  unique_fd sock(c.sockfd), counter(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(0, bind(counter.get(), reinterpret_cast<sockaddr*>(&c.broadcast_addr), sizeof c.broadcast_addr));
+  const int64_t period = zunta_scaled_ms(DISCOVERY_PERIOD_MS);
+  const int64_t second = period / 60;
+  // The uptime wraps just before check 120.
+  clock.advance_ms(INT32_MAX - static_cast<int64_t>(uptime_ms()) - 120 * second + second / 2);
+  static char buffer[BROADCAST_BUFFER_SIZE];
+  std::vector<int> requests;
+  for (int check = 0; check < 250; ++check) {
+    if (check == 130) clock.set_wall_by_ms(-86400000);
+    int32_t new_broadcast = 0;
+    ASSERT_EQ(0, zunta_mesh_nodes_discovery(&c, &new_broadcast, buffer));
+    if (recv(counter.get(), nullptr, 0, MSG_DONTWAIT | MSG_TRUNC) == 4) requests.push_back(check);
+    clock.advance_ms(second);
+  }
+  EXPECT_EQ((std::vector<int>{0, 60, 120, 180, 240}), requests);
+  EXPECT_LT(uptime_ms(), 0) << "the uptime has wrapped";
 }

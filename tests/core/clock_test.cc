@@ -3,7 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <string>
+
 #include "core/list.h"
+#include "support/fake_clock.h"
 
 namespace {
 
@@ -19,6 +23,28 @@ TEST(TimeTest, MillisecondDifferences) {
   EXPECT_EQ(21, timediff(5u, 4294967280u));
   EXPECT_EQ(60, timediff(100u, 40u));
   EXPECT_EQ(-60, timediff(40u, 100u));
+}
+
+// Uptime runs on the monotonic clock: setting the time of day back a day moves the dates only.
+// The signed 32-bit count wraps after 2^31 ms (24.8 days) and differences stay right across it.
+TEST(TimeTest, UptimeIgnoresTheTimeOfDayAndWrapsAfter24Days) {
+  fake_clock clock;
+  int32_t before = uptime_ms();
+  char date_before[TIME_TEXT_SIZE];
+  print_datetime(date_before);
+  clock.set_wall_by_ms(-86400000);
+  EXPECT_EQ(before, uptime_ms());
+  char date_after[TIME_TEXT_SIZE];
+  print_datetime(date_after);
+  EXPECT_NE(std::string(date_before).substr(0, 10), std::string(date_after).substr(0, 10));
+  EXPECT_EQ(std::string(date_before).substr(11), std::string(date_after).substr(11));
+
+  clock.advance_ms(static_cast<int64_t>(INT32_MAX) - before - 500);
+  auto last = static_cast<uint32_t>(uptime_ms());
+  EXPECT_EQ(INT32_MAX - 500, uptime_ms());
+  clock.advance_ms(1000);
+  EXPECT_EQ(INT32_MIN + 499, uptime_ms());
+  EXPECT_EQ(1000, timediff(static_cast<uint32_t>(uptime_ms()), last));
 }
 
 struct item {
