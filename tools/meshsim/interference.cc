@@ -1,6 +1,8 @@
 // Measurement windows and the bitrate share that overlapping measurements nearby leave.
 #include "meshsim/interference.h"
 
+#include <strings.h>
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -20,21 +22,24 @@ bool same_pair(const measure_window& a, const measure_window& b) {
          (a.node_mac == b.peer_mac && a.peer_mac == b.node_mac);
 }
 
+// MAC texts in any letter case; no copies, as zones are built for every disturbed window.
+bool same_mac(const std::string& a, const std::string& b) {
+  return a.size() == b.size() && strcasecmp(a.c_str(), b.c_str()) == 0;
+}
+
 // The MACs (lower case) of the two ends, of the nodes they list and of the nodes that list them.
 // A pair is within two hops of the ends exactly when one of its nodes is in this set.
 std::vector<std::string> two_hop_zone(const topology& topo, const std::string& mac1,
                                       const std::string& mac2) {
   std::vector<std::string> zone{mac1, mac2};
   for (const node& other : topo.nodes) {
-    std::string other_mac = lower_text(other.mac);
-    bool is_end = other_mac == mac1 || other_mac == mac2;
+    bool is_end = same_mac(other.mac, mac1) || same_mac(other.mac, mac2);
     for (const neighbour_entry& e : other.neighbours) {
       if (e.radio == NO_RADIO) continue;
-      std::string listed = lower_text(e.mac);
       if (is_end) {
-        zone.push_back(listed);
-      } else if (listed == mac1 || listed == mac2) {
-        zone.push_back(other_mac);
+        zone.push_back(lower_text(e.mac));
+      } else if (same_mac(e.mac, mac1) || same_mac(e.mac, mac2)) {
+        zone.push_back(lower_text(other.mac));
         break;
       }
     }
