@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <string>
+#include <utility>
 
 #include "meshsim/agent.h"
 #include "meshsim/commands.h"
@@ -137,9 +138,10 @@ TEST(InterferenceTest, PairsWithinTwoHopsShareANodeOrANeighbourInEitherDirection
   pair_trainer near(std::string(PAIRS) + "neighbour a2 b1\n");
   EXPECT_FALSE(pairs_within_two_hops(far.topo(), "a1", "a2", "b1", "b2"));
   EXPECT_TRUE(pairs_within_two_hops(far.topo(), "a1", "a2", "a2", "b1"));
-  for (const char* a1 : {"a1", "a2"}) {  // either end, either direction of the one-sided line
-    EXPECT_TRUE(pairs_within_two_hops(near.topo(), a1, "a2", "b2", "b1"));
-    EXPECT_TRUE(pairs_within_two_hops(near.topo(), "b1", "b2", a1, "a2"));
+  // Either order of the ends, and from either side of the one-sided "neighbour a2 b1".
+  for (const auto& [x, y] : {std::pair("a1", "a2"), std::pair("a2", "a1")}) {
+    EXPECT_TRUE(pairs_within_two_hops(near.topo(), x, y, "b2", "b1"));
+    EXPECT_TRUE(pairs_within_two_hops(near.topo(), "b1", "b2", x, y));
   }
   EXPECT_FALSE(pairs_within_two_hops(near.topo(), "a1", "a2", "b1", "nobody"));
 }
