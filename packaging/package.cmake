@@ -84,3 +84,7 @@ if(CMAKE_CROSSCOMPILING)
   endif()
 endif()
 include(CPack)
+
+if(ZUNTA_BUILD_TESTS)
+  add_test(NAME packaging_lint COMMAND sh ${ZUNTA_PACKAGING_DIR}/lint.sh)
+endif()
