@@ -105,3 +105,15 @@ TEST(DiscoveryTest, OneRequestPerPeriodAcrossTheUptimeWrapAndAClockSetBackADay) 
   EXPECT_EQ((std::vector<int>{0, 60, 120, 180, 240}), requests);
   EXPECT_LT(uptime_ms(), 0) << "the uptime has wrapped";
 }
+
+// The period is 60000 ms on the target (scaled here): a request exactly one period after the last
+// goes out, one millisecond earlier it does not; the clock may wrap in between.
+TEST(DiscoveryTest, RequestIsDueOnceTheWholePeriodHasPassed) {
+  struct coordinator c = {};
+  EXPECT_TRUE(zunta_discovery_due(&c, 5));  // nothing sent yet
+  c.discovery_started = 1;
+  c.last_broadcast_ms = 0xfffff000u;
+  const uint32_t period = zunta_scaled_ms(DISCOVERY_PERIOD_MS);
+  EXPECT_FALSE(zunta_discovery_due(&c, c.last_broadcast_ms + period - 1));
+  EXPECT_TRUE(zunta_discovery_due(&c, c.last_broadcast_ms + period));
+}
