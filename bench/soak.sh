@@ -84,6 +84,13 @@ sample() {  # elapsed_s rss_kB fds cpu_s
     'BEGIN { printf "%7d %8d %4d %8.2f\n", t, r, f, c / hz }'
 }
 
+# The C library's count of heap bytes in use, printed by the daemon itself on its standard error
+# (needs gdb; the sanitizer build has no such count and reports leaks instead).
+heap_in_use() {
+  command -v gdb >/dev/null || return 0
+  gdb -p "$COORD_PID" -batch -ex "call (void)$1()" >/dev/null 2>&1 || true
+}
+
 printf '%7s %8s %4s %8s  %s\n' elapsed_s rss_kB fds cpu_s trainings
 start=$SECONDS
 end=$((start + MINUTES * 60))
@@ -98,7 +105,10 @@ while ((SECONDS < end)); do
   if ((SECONDS >= next_sample)); then
     last=$(sample $((SECONDS - start)))
     printf '%s  %s\n' "$last" "$trainings"
-    [[ -z $first && $trainings -gt 0 && $(grep -c 'Training ends' "$WORK/coord.log" || true) -gt 0 ]] && first=$last
+    if [[ -z $first && $trainings -gt 0 && $(grep -c 'Training ends' "$WORK/coord.log" || true) -gt 0 ]]; then
+      first=$last
+      heap_in_use malloc_stats
+    fi
     next_sample=$((next_sample + SAMPLE_S))
   fi
   # The changes start once the first training is over, so it trains the whole mesh.
@@ -110,15 +120,19 @@ while ((SECONDS < end)); do
   sleep 1
 done
 last=$(sample $((SECONDS - start)))
+heap_in_use malloc_stats
+heap_in_use __lsan_do_recoverable_leak_check
 
 echo
 echo "after the first training: elapsed_s rss_kB fds cpu_s = ${first:-none}"
 echo "at the end:               elapsed_s rss_kB fds cpu_s = $last"
+heap=$(grep -A4 '^Total (incl. mmap):' "$WORK/coord.log" | awk '/in use bytes/ { printf "%s ", $NF }')
+[[ -n $heap ]] && echo "heap bytes in use after the first training and at the end: $heap"
 echo "changes: $i, pair trainings: $(grep -c 'Training Mesh Pair' "$WORK/coord.log" || true)," \
   "error lines: $(grep -c 'ZUNTA: ERROR' "$WORK/coord.log" || true)"
-if grep -q -E 'ERROR: (Address|Leak)Sanitizer|runtime error:' "$WORK/coord.log"; then
+if grep -q -E 'ERROR: (Address|Leak)Sanitizer|runtime error:|detected memory leaks' "$WORK/coord.log"; then
   echo "sanitizer report:"
-  grep -E -A20 'ERROR: (Address|Leak)Sanitizer|runtime error:' "$WORK/coord.log" | head -40
+  grep -E -A20 'ERROR: (Address|Leak)Sanitizer|runtime error:|detected memory leaks' "$WORK/coord.log" | head -40
   exit 1
 fi
 echo "no sanitizer report"
