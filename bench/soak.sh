@@ -9,6 +9,8 @@
 # Needs build/zunta-coord and build/zunta-meshsim (with --asan: build-asan/, and any sanitizer
 # report in the daemon's output fails the run). Loopback only: the mesh lives on 127.0.95.x and
 # the daemon's configuration names the broadcast address 127.0.95.255.
+# SOAK_RANGE (127.A.B, default 127.0.95) and SOAK_AGENT_PORT (default 25495; discovery uses the
+# next port) let two runs share the machine.
 # The daemon's output is line-buffered (stdbuf) so that the run can follow its trainings.
 # SAMPLE_S (default 10) sets the sampling interval, CHANGE_S (default 4) the pace of the changes.
 set -euo pipefail
@@ -21,9 +23,9 @@ fi
 MINUTES=${1:?usage: bench/soak.sh [--asan] MINUTES}
 SAMPLE_S=${SAMPLE_S:-10}
 CHANGE_S=${CHANGE_S:-4}
-RANGE=127.0.95
-AGENT_PORT=25495
-DISCOVERY_PORT=25496
+RANGE=${SOAK_RANGE:-127.0.95}  # two runs at once need their own range and ports
+AGENT_PORT=${SOAK_AGENT_PORT:-25495}
+DISCOVERY_PORT=$((AGENT_PORT + 1))
 WORK=$(mktemp -d /tmp/zunta-soak-XXXXXX)
 SIM_PID=
 COORD_PID=
