@@ -147,3 +147,11 @@ int zunta_make_and_send_command(char (&buffer)[COMMAND_SIZE], int32_t index, int
   ZLOG(COMP_CORE, LVL_D, "RESPONSE %d: %s\n", index, answer);
   return 0;
 }
+
+// Placeholder until the concurrent exchange engine lands: one job after the other.
+void zunta_make_and_send_commands(zunta_command_job* jobs, std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) {
+    zunta_command_job& j = jobs[i];
+    j.result = zunta_make_and_send_command(j.buffer, j.index, j.value, j.arg1, j.arg2, j.answer, j.ip);
+  }
+}

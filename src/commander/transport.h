@@ -53,4 +53,23 @@ int zunta_send_command(char (&buffer)[COMMAND_SIZE], char (&answer)[ANSWER_SIZE]
 int zunta_make_and_send_command(char (&buffer)[COMMAND_SIZE], int32_t index, int32_t value, const char* arg1,
                                 const char* arg2, char (&answer)[ANSWER_SIZE], const char* ip);
 
+// --- Concurrent exchanges ---
+
+// One command of a batch. The caller fills index, value, arg1, arg2 and ip (the texts outlive the
+// call) and clears answer; the batch frames buffer and accumulates the answer text.
+struct zunta_command_job {
+  int32_t index;
+  int32_t value;
+  const char* arg1;
+  const char* arg2;
+  const char* ip;
+  char buffer[COMMAND_SIZE];
+  char answer[ANSWER_SIZE];
+  int result;  // as zunta_make_and_send_command: 0, 1 or -1
+};
+
+// Runs zunta_make_and_send_command for every job at once: each job's exchanges, time-outs,
+// repetitions and log lines are as if it ran alone; no job waits for another.
+void zunta_make_and_send_commands(zunta_command_job* jobs, std::size_t count);
+
 #endif  // ZUNTA_COMMANDER_TRANSPORT_H_
