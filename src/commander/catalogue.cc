@@ -23,7 +23,7 @@ int zunta_set_pattern(char (&buffer)[COMMAND_SIZE], const char* ip, const char* 
 int zunta_set_pattern_with_fallback(char (&buffer)[COMMAND_SIZE], const char* ip, const char* mac,
                                     int32_t pattern, int32_t fallback, int32_t m) {
   char fallback_text[IP_TEXT_SIZE] = "000.000.000.000";
-  zunta_format_buffer(fallback_text, sizeof fallback_text, "1.%d.0.%d", m, fallback);
+  zunta_format_fallback(fallback_text, fallback, m);
   return send_simple(buffer, CMD_SET_PATTERN, pattern, fallback_text, mac, ip);
 }
 
@@ -41,4 +41,32 @@ int zunta_set_pattern_tx(char (&buffer)[COMMAND_SIZE], const char* ip, const cha
 
 int zunta_set_pattern_rx(char (&buffer)[COMMAND_SIZE], const char* ip, int32_t pattern) {
   return send_simple(buffer, CMD_SET_PATTERN_RX, pattern, PLACEHOLDER_IP, ZERO_MAC, ip);
+}
+
+void zunta_fill_job(zunta_command_job* job, int32_t index, int32_t value, const char* arg1, const char* arg2,
+                    const char* ip) {
+  job->index = index;
+  job->value = value;
+  job->arg1 = arg1;
+  job->arg2 = arg2;
+  job->ip = ip;
+  job->answer[0] = '\0';
+  job->result = 0;
+}
+
+void zunta_format_fallback(char (&text)[IP_TEXT_SIZE], int32_t fallback, int32_t m) {
+  zunta_format_buffer(text, sizeof text, "1.%d.0.%d", m, fallback);
+}
+
+void zunta_job_set_pattern_with_fallback(zunta_command_job* job, const char* ip, const char* mac,
+                                         int32_t pattern, const char* fallback_text) {
+  zunta_fill_job(job, CMD_SET_PATTERN, pattern, fallback_text, mac, ip);
+}
+
+void zunta_job_start_dump(zunta_command_job* job, const char* ip, const char* mac) {
+  zunta_fill_job(job, CMD_START_DUMP, -1, PLACEHOLDER_IP, mac, ip);
+}
+
+void zunta_job_start_training(zunta_command_job* job, const char* ip, const char* peer_ip) {
+  zunta_fill_job(job, CMD_START_TRAINING, -1, peer_ip, ZERO_MAC, ip);
 }

@@ -5,10 +5,19 @@
 #include <cstdio>
 #include <cstring>
 
+#include "commander/catalogue.h"
 #include "commander/transport.h"
 #include "core/log.h"
 #include "core/text.h"
 #include "meshpair/meshpair.h"
+
+// The answer of a command 5 is recorded by the same code whether the command went alone or in a
+// batch; its lines name the command 5 procedure either way.
+#define STOP_LOG(comp_, lvl_, ...)                                               \
+  do {                                                                           \
+    if (g_log != nullptr && g_log->components[comp_].level >= (lvl_))            \
+      log_record("zunta_stop_training", __LINE__, (comp_), (lvl_), __VA_ARGS__); \
+  } while (0)
 
 namespace {
 
@@ -85,27 +94,44 @@ int zunta_stop_training(char (&buffer)[COMMAND_SIZE], mesh_pair* mp, const char*
     return -1;
   }
   char answer[ANSWER_SIZE] = {};
-  // A failed command leaves the record as it was; the caller has nothing more to report.
-  if (zunta_make_and_send_command(buffer, CMD_STOP_TRAINING, -1, PLACEHOLDER_IP, ZERO_MAC, answer, ip) != 0) {
-    return 0;
+  const int result =
+      zunta_make_and_send_command(buffer, CMD_STOP_TRAINING, -1, PLACEHOLDER_IP, ZERO_MAC, answer, ip);
+  return zunta_record_stop_training(mp, peer_mac, own_mac, ip, answer, result);
+}
+
+void zunta_job_stop_training(zunta_command_job* job, const char* ip) {
+  zunta_fill_job(job, CMD_STOP_TRAINING, -1, PLACEHOLDER_IP, ZERO_MAC, ip);
+}
+
+int zunta_record_stop_training(mesh_pair* mp, const char* peer_mac, const char* own_mac, const char* ip,
+                               char (&answer)[ANSWER_SIZE], int result) {
+  if (mp == nullptr) {
+    STOP_LOG(COMP_CORE, LVL_E, "NULL pointer exception for mesh_pair\n");
+    return -1;
   }
+  if (mp->txcs == nullptr) {
+    STOP_LOG(COMP_CORE, LVL_E, "NULL pointer exception for mesh_pair->txcs\n");
+    return -1;
+  }
+  // A failed command leaves the record as it was; the caller has nothing more to report.
+  if (result != 0) return 0;
   // The command has stopped the agent's measurement either way; its figures are kept only when
   // they have a round record to go to.
   const int32_t r = mp->txcs_count;
   if (r < 0 || r >= TXCS_ROUNDS) {
-    ZLOG(COMP_CORE, LVL_E, "Round %d outside the results block of %s-%s, result not recorded\n", r,
-         mp->left_mac, mp->right_mac);
+    STOP_LOG(COMP_CORE, LVL_E, "Round %d outside the results block of %s-%s, result not recorded\n", r,
+             mp->left_mac, mp->right_mac);
     return 0;
   }
   result_line res = {};
   // Without a line about the peer there is nothing to record: figures about another peer would be
   // wrong for this link.
   if (!find_result_line(answer, peer_mac, res)) {
-    ZLOG(COMP_CORE, LVL_I, "No result line about %s from %s\n", peer_mac, ip);
+    STOP_LOG(COMP_CORE, LVL_I, "No result line about %s from %s\n", peer_mac, ip);
     return 0;
   }
   if (res.radio_id != MEASURED_RADIO) {
-    ZLOG(COMP_CORE, LVL_E, "UNEXPECTED radio index\n");
+    STOP_LOG(COMP_CORE, LVL_E, "UNEXPECTED radio index\n");
     return 0;
   }
   record_result(mp, r, own_mac, res);

@@ -39,6 +39,11 @@ void zunta_dump_training_table(mesh_pair* mp, int32_t left_best, int32_t right_b
 // txcs_count (own_mac names the reporting node). Returns -1 only when the pair or its block is missing.
 int zunta_stop_training(char (&buffer)[COMMAND_SIZE], mesh_pair* mp, const char* peer_mac,
                         const char* own_mac, const char* ip);
+// The same in two halves, for a batch of exchanges: command 5 to the node at ip as a job, and the
+// recording of its answer once the job has its result (changes the answer in place).
+void zunta_job_stop_training(zunta_command_job* job, const char* ip);
+int zunta_record_stop_training(mesh_pair* mp, const char* peer_mac, const char* own_mac, const char* ip,
+                               char (&answer)[ANSWER_SIZE], int result);
 // Writes "<status>\n" to the training status file. 0, or -1 when it cannot be opened.
 int32_t zunta_write_mp_training_status(int32_t status);
 
