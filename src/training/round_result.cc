@@ -11,14 +11,6 @@
 #include "core/text.h"
 #include "meshpair/meshpair.h"
 
-// The answer of a command 5 is recorded by the same code whether the command went alone or in a
-// batch; its lines name the command 5 procedure either way.
-#define STOP_LOG(comp_, lvl_, ...)                                               \
-  do {                                                                           \
-    if (g_log != nullptr && g_log->components[comp_].level >= (lvl_))            \
-      log_record("zunta_stop_training", __LINE__, (comp_), (lvl_), __VA_ARGS__); \
-  } while (0)
-
 namespace {
 
 constexpr int RESULT_FIELDS = 7;
@@ -106,11 +98,11 @@ void zunta_job_stop_training(zunta_command_job* job, const char* ip) {
 int zunta_record_stop_training(mesh_pair* mp, const char* peer_mac, const char* own_mac, const char* ip,
                                char (&answer)[ANSWER_SIZE], int result) {
   if (mp == nullptr) {
-    STOP_LOG(COMP_CORE, LVL_E, "NULL pointer exception for mesh_pair\n");
+    ZLOG_AS("zunta_stop_training", COMP_CORE, LVL_E, "NULL pointer exception for mesh_pair\n");
     return -1;
   }
   if (mp->txcs == nullptr) {
-    STOP_LOG(COMP_CORE, LVL_E, "NULL pointer exception for mesh_pair->txcs\n");
+    ZLOG_AS("zunta_stop_training", COMP_CORE, LVL_E, "NULL pointer exception for mesh_pair->txcs\n");
     return -1;
   }
   // A failed command leaves the record as it was; the caller has nothing more to report.
@@ -119,19 +111,20 @@ int zunta_record_stop_training(mesh_pair* mp, const char* peer_mac, const char* 
   // they have a round record to go to.
   const int32_t r = mp->txcs_count;
   if (r < 0 || r >= TXCS_ROUNDS) {
-    STOP_LOG(COMP_CORE, LVL_E, "Round %d outside the results block of %s-%s, result not recorded\n", r,
-             mp->left_mac, mp->right_mac);
+    ZLOG_AS("zunta_stop_training", COMP_CORE, LVL_E,
+            "Round %d outside the results block of %s-%s, result not recorded\n", r, mp->left_mac,
+            mp->right_mac);
     return 0;
   }
   result_line res = {};
   // Without a line about the peer there is nothing to record: figures about another peer would be
   // wrong for this link.
   if (!find_result_line(answer, peer_mac, res)) {
-    STOP_LOG(COMP_CORE, LVL_I, "No result line about %s from %s\n", peer_mac, ip);
+    ZLOG_AS("zunta_stop_training", COMP_CORE, LVL_I, "No result line about %s from %s\n", peer_mac, ip);
     return 0;
   }
   if (res.radio_id != MEASURED_RADIO) {
-    STOP_LOG(COMP_CORE, LVL_E, "UNEXPECTED radio index\n");
+    ZLOG_AS("zunta_stop_training", COMP_CORE, LVL_E, "UNEXPECTED radio index\n");
     return 0;
   }
   record_result(mp, r, own_mac, res);

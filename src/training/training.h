@@ -11,6 +11,7 @@
 struct ath;
 struct mesh_pair;
 struct mesh_tables;
+struct node_tables;
 struct trained_mesh_pair;
 
 constexpr int32_t PATTERN_COUNT = 4;
@@ -46,6 +47,22 @@ int zunta_record_stop_training(mesh_pair* mp, const char* peer_mac, const char* 
                                char (&answer)[ANSWER_SIZE], int result);
 // Writes "<status>\n" to the training status file. 0, or -1 when it cannot be opened.
 int32_t zunta_write_mp_training_status(int32_t status);
+
+// --- Training in lock-step groups ---
+
+// Splits `count` pairs, given in the order one-at-a-time training takes them, into groups in which
+// no two pairs are within two hops: no node of one pair is a node of another or a neighbour of
+// one, in either direction, by the neighbour lists of the aths in `nodes`. Each pair joins the
+// first group it fits, so the first group begins with the first pair. group_of[i] receives the
+// group of pairs[i] (from 0). Returns the number of groups, or -1 when memory is short.
+int32_t zunta_group_mesh_pairs(const node_tables* nodes, mesh_pair* const* pairs, int32_t count,
+                               int32_t* group_of);
+// Trains the pairs of one group together, round by round: each pair's commands before the pause,
+// one pause for all, then each pair's two command 5 exchanges and its evaluation. Each pair's
+// commands, lines, table and results are those of zunta_mp_training; the tables follow the last
+// round, in group order. A refused pair takes no part. Falls back to one pair after the other when
+// memory for the exchanges is short.
+void zunta_mp_group_training(mesh_pair* const* pairs, int32_t count, char (&buffer)[COMMAND_SIZE]);
 
 // --- Selection ---
 
