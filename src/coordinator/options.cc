@@ -71,6 +71,10 @@ void set_training_frequency(const char* value, options* opts) {
   }
 }
 
+void set_parallel_training(const char* value, options* opts) {
+  opts->parallel_training = std::strcmp(value, "true") == 0 ? 1 : 0;
+}
+
 struct config_key {
   const char* key;
   void (*apply)(const char* value, options* opts);
@@ -82,6 +86,7 @@ constexpr config_key CONFIG_KEYS[] = {
     {"broadcast_port", set_broadcast_port},
     {"training_start_hour", set_training_start_hour},
     {"training_frequency_minutes", set_training_frequency},
+    {"parallel_training", set_parallel_training},
 };
 
 // Handles one read of the file; `number` counts reads, so a long line counts more than once.
@@ -120,9 +125,11 @@ int zunta_config_load_options(const char* path, options* opts) {
     ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for options\n");
     return -1;
   }
-  // The schedule is rewritten by every load: a missing key or file leaves both at 0.
+  // The schedule and the training mode are rewritten by every load: a missing key or file leaves
+  // them at 0.
   opts->training_start_hour = 0;
   opts->training_frequency_minutes = 0;
+  opts->parallel_training = 0;
   unique_file file(std::fopen(path, "r"));
   if (!file) {
     ZLOG(COMP_CORE, LVL_I, "Failed to open configuration file %s\n", path);
