@@ -39,11 +39,11 @@ class mesh_run {
                                          (parallel ? "parallel_training=true\n" : ""));
     daemon = std::make_unique<daemon_process>(
         std::vector<std::string>{daemon_path(), "-1"},
-        std::vector<std::string>{"ZUNTA_CONF=" + dir_ + "/zunta.conf", "ZUNTA_SNAPSHOT=" + dir_ + "/zunta-sa.log",
-                                 "ZUNTA_DUMP_FILE=" + dir_ + "/dump.log",
-                                 "ZUNTA_TRAINING_STATUS_FILE=" + dir_ + "/status.log",
-                                 "ZUNTA_AGENT_PORT=" + std::to_string(25000 + range),
-                                 std::string("ZUNTA_TIME_SCALE=") + time_scale});
+        std::vector<std::string>{
+            "ZUNTA_CONF=" + dir_ + "/zunta.conf", "ZUNTA_SNAPSHOT=" + dir_ + "/zunta-sa.log",
+            "ZUNTA_DUMP_FILE=" + dir_ + "/dump.log", "ZUNTA_TRAINING_STATUS_FILE=" + dir_ + "/status.log",
+            "ZUNTA_AGENT_PORT=" + std::to_string(25000 + range),
+            std::string("ZUNTA_TIME_SCALE=") + time_scale});
     ASSERT_TRUE(daemon->started());
   }
 
@@ -52,7 +52,8 @@ class mesh_run {
     std::istringstream in(read_file(dir_ + "/zunta-sa.log"));
     std::string out;
     for (std::string line; std::getline(in, line);) {
-      if (line.find("\"systime\"") == std::string::npos && line.find("\"last training\"") == std::string::npos)
+      if (line.find("\"systime\"") == std::string::npos &&
+          line.find("\"last training\"") == std::string::npos)
         out += line + "\n";
     }
     return out;
@@ -72,10 +73,14 @@ class mesh_run {
     for (const meshsim::command_record& r : sim.records()) {
       if (r.source != "agent") continue;
       std::string peer;
-      if ((r.index == 2 && r.arg1.rfind("1.8.0.", 0) == 0) || r.index == 4) peer = name_of[r.arg2];
-      else if (r.index == 8) peer = name_of[r.arg1];
-      else if (r.index == 5) peer = last_peer[r.node];
-      else continue;
+      if ((r.index == 2 && r.arg1.rfind("1.8.0.", 0) == 0) || r.index == 4)
+        peer = name_of[r.arg2];
+      else if (r.index == 8)
+        peer = name_of[r.arg1];
+      else if (r.index == 5)
+        peer = last_peer[r.node];
+      else
+        continue;
       last_peer[r.node] = peer;
       const std::string& a = std::min(r.node, peer);
       const std::string& b = std::max(r.node, peer);
@@ -106,7 +111,8 @@ class mesh_run {
 // same whenever it is printed.
 std::vector<std::string> tables(const std::string& out) {
   std::vector<std::string> found;
-  for (auto at = out.find("TABLE_START_ID="); at != std::string::npos; at = out.find("TABLE_START_ID=", at + 1)) {
+  for (auto at = out.find("TABLE_START_ID="); at != std::string::npos;
+       at = out.find("TABLE_START_ID=", at + 1)) {
     const auto from = out.find('\n', at) + 1;
     found.push_back(out.substr(from, out.find("TABLE_END", from) - from));
   }
@@ -137,7 +143,8 @@ void expect_same_both_ways(int range, const std::string& topology, int nodes, in
   EXPECT_EQ(one.commands_by_pair(), grouped.commands_by_pair());
   EXPECT_EQ(one.applied(), grouped.applied());
   EXPECT_EQ(tables(one_out), tables(grouped_out));
-  EXPECT_EQ(lines_with(one_out, "Pattern Set for Mesh Pair"), lines_with(grouped_out, "Pattern Set for Mesh Pair"));
+  EXPECT_EQ(lines_with(one_out, "Pattern Set for Mesh Pair"),
+            lines_with(grouped_out, "Pattern Set for Mesh Pair"));
   EXPECT_EQ(one.status(), grouped.status());
   for (int k = 1; k <= nodes; ++k) {
     const std::string name = "n" + std::to_string(k);
@@ -152,7 +159,8 @@ void expect_same_both_ways(int range, const std::string& topology, int nodes, in
   }
   EXPECT_EQ(0, count_of(one_out, "Training group"));
   *groups = count_of(grouped_out, "zunta-coord: Training group ");
-  EXPECT_EQ(count_of(one_out, " - Training progress: 100.00%"), count_of(grouped_out, " - Training progress: 100.00%"));
+  EXPECT_EQ(count_of(one_out, " - Training progress: 100.00%"),
+            count_of(grouped_out, " - Training progress: 100.00%"));
 
   // Measurements of different pairs that ran at overlapping times are more than two hops apart.
   const std::vector<meshsim::measure_window> windows = grouped.sim.windows();
@@ -168,7 +176,9 @@ void expect_same_both_ways(int range, const std::string& topology, int nodes, in
           << a.node << "-" << a.peer << " and " << b.node << "-" << b.peer;
     }
   }
-  if (*groups < count_of(grouped_out, "zunta-coord: Training Mesh Pair: ")) EXPECT_GT(overlapping, 0);
+  if (*groups < count_of(grouped_out, "zunta-coord: Training Mesh Pair: ")) {
+    EXPECT_GT(overlapping, 0);
+  }
 }
 
 TEST(ParallelTrainingScenario, GeneratedMeshTrainsAlikeInGroups) {
@@ -183,8 +193,8 @@ TEST(ParallelTrainingScenario, GeneratedMeshTrainsAlikeInGroups) {
 TEST(ParallelTrainingScenario, FourNodeExampleTrainsAlikeInGroups) {
   // All four pairs of the example lie within two hops of each other: four groups of one.
   int groups = 0;
-  expect_same_both_ways(42, read_file(std::string(ZUNTA_SOURCE_DIR) + "/tools/meshsim/examples/four-nodes.topo"), 4,
-                        &groups);
+  expect_same_both_ways(
+      42, read_file(std::string(ZUNTA_SOURCE_DIR) + "/tools/meshsim/examples/four-nodes.topo"), 4, &groups);
   EXPECT_EQ(4, groups);
 }
 
@@ -212,8 +222,9 @@ TEST(ParallelTrainingScenario, NodeThatStopsAnsweringCostsOnlyItsOwnPair) {
   // d stops answering once the rounds are under way (a fallback is sent from round 1 on).
   ASSERT_TRUE(faulty.sim.wait_for(
       [](const std::vector<meshsim::command_record>& records) {
-        return std::count_if(records.begin(), records.end(),
-                             [](const meshsim::command_record& r) { return r.node == "d" && r.index == 5; }) >= 6;
+        return std::count_if(records.begin(), records.end(), [](const meshsim::command_record& r) {
+                 return r.node == "d" && r.index == 5;
+               }) >= 6;
       },
       RUN_WAIT_MS));
   std::string reply;
@@ -231,10 +242,14 @@ TEST(ParallelTrainingScenario, NodeThatStopsAnsweringCostsOnlyItsOwnPair) {
   const std::vector<std::string> ab_rows = lines_with(healthy.daemon->out(), "0a:5a:00:00:00:01, 0x");
   ASSERT_EQ(16u, ab_rows.size());
   EXPECT_EQ(ab_rows, lines_with(out, "0a:5a:00:00:00:01, 0x"));
-  const std::string ab_set = lines_with(healthy.daemon->out(), "Pattern Set for Mesh Pair: 0a:5a:00:00:00:01").at(0);
-  EXPECT_EQ(std::vector<std::string>{ab_set}, lines_with(out, "Pattern Set for Mesh Pair: 0a:5a:00:00:00:01"));
-  EXPECT_EQ(healthy.sim.tx_pattern("a", "0a:5a:00:00:00:02"), faulty.sim.tx_pattern("a", "0a:5a:00:00:00:02"));
-  EXPECT_EQ(healthy.sim.tx_pattern("b", "0a:5a:00:00:00:01"), faulty.sim.tx_pattern("b", "0a:5a:00:00:00:01"));
+  const std::string ab_set =
+      lines_with(healthy.daemon->out(), "Pattern Set for Mesh Pair: 0a:5a:00:00:00:01").at(0);
+  EXPECT_EQ(std::vector<std::string>{ab_set},
+            lines_with(out, "Pattern Set for Mesh Pair: 0a:5a:00:00:00:01"));
+  EXPECT_EQ(healthy.sim.tx_pattern("a", "0a:5a:00:00:00:02"),
+            faulty.sim.tx_pattern("a", "0a:5a:00:00:00:02"));
+  EXPECT_EQ(healthy.sim.tx_pattern("b", "0a:5a:00:00:00:01"),
+            faulty.sim.tx_pattern("b", "0a:5a:00:00:00:01"));
 }
 
 }  // namespace
