@@ -47,6 +47,14 @@ class mesh_run {
     ASSERT_TRUE(daemon->started());
   }
 
+  // The text with this run's addresses 127.1.<range>.x written 127.1.N.x, to compare runs.
+  std::string normal(std::string text) const {
+    const std::string mine = "127.1." + std::to_string(range_) + ".";
+    for (auto at = text.find(mine); at != std::string::npos; at = text.find(mine, at))
+      text.replace(at, mine.size(), "127.1.N.");
+    return text;
+  }
+
   // The status file without its clock readings.
   std::string status() const {
     std::istringstream in(read_file(dir_ + "/zunta-sa.log"));
@@ -56,7 +64,7 @@ class mesh_run {
           line.find("\"last training\"") == std::string::npos)
         out += line + "\n";
     }
-    return out;
+    return normal(out);
   }
 
   // Every training command, by pair ("<node>><peer>" of the receiving node, names): commands 2 with
@@ -84,7 +92,7 @@ class mesh_run {
       last_peer[r.node] = peer;
       const std::string& a = std::min(r.node, peer);
       const std::string& b = std::max(r.node, peer);
-      out[a + "-" + b].push_back(r.node + ": " + r.line);
+      out[a + "-" + b].push_back(r.node + ": " + normal(r.line));
     }
     return out;
   }
@@ -94,7 +102,7 @@ class mesh_run {
     std::vector<std::string> out;
     for (const meshsim::command_record& r : sim.records()) {
       if (r.source == "agent" && (r.index == 10 || r.index == 11 || (r.index == 2 && r.arg1 == "127.0.0.1")))
-        out.push_back(r.node + ": " + r.line);
+        out.push_back(r.node + ": " + normal(r.line));
     }
     return out;
   }
