@@ -9,9 +9,9 @@
 #   bench/mesh_training.sh [NODES...]               default: 16 64 250
 #   MODES="group" bench/mesh_training.sh 250        which runs (default: "one group")
 #
-# One pair at a time on 250 nodes takes about 45 minutes even at scale 0.05: with MODES=group the
-# one-at-a-time line of a mesh is projected from the per-pair time of the last size measured one
-# at a time (marked "proj").
+# One pair at a time on 250 nodes takes about 45 minutes even at scale 0.05, so meshes above
+# ONE_MAX_NODES (default 64) are run in groups only, and their one-at-a-time line is projected from
+# the per-pair time of the last mesh measured one at a time (marked "proj/<nodes>").
 # Needs build/zunta-coord and build/zunta-meshsim. Loopback only (127.91.x.y).
 set -euo pipefail
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
@@ -19,6 +19,7 @@ BUILD=${BUILD_DIR:-$ROOT/build}
 NODES=("$@")
 ((${#NODES[@]})) || NODES=(16 64 250)
 MODES=${MODES:-one group}
+ONE_MAX_NODES=${ONE_MAX_NODES:-64}
 SCALE=0.05
 BASE=127.91.1
 AGENT_PORT=25590
@@ -69,7 +70,9 @@ for n in "${NODES[@]}"; do
   SIM_PID=$!
   sleep 1
   pairs=
-  for mode in $MODES; do
+  modes=$MODES
+  ((n > ONE_MAX_NODES)) && modes=${MODES//one/}
+  for mode in $modes; do
     printf 'root=true\nbroadcast_address=%s.255\nbroadcast_port=%s\n' "$BASE" "$DISCOVERY_PORT" >"$WORK/zunta.conf"
     [[ $mode == group ]] && echo "parallel_training=true" >>"$WORK/zunta.conf"
     env ZUNTA_CONF="$WORK/zunta.conf" ZUNTA_SNAPSHOT="$WORK/sa.log" ZUNTA_AGENT_PORT="$AGENT_PORT" \
@@ -94,7 +97,7 @@ for n in "${NODES[@]}"; do
       one_from=$n
     fi
   done
-  if [[ $MODES != *one* && -n $one_per_pair && -n $pairs ]]; then
+  if [[ $modes != *one* && -n $one_per_pair && -n $pairs ]]; then
     printf '%-6s %-6s %6s %7s %8s %9s %13s %11s %9s %14s\n' "$n" "one" "$pairs" - - - - - - \
       "$(awk -v p="$one_per_pair" -v k="$pairs" 'BEGIN { printf "%.0f s %.1f h", p * k, p * k / 3600 }') proj/$one_from"
   fi
