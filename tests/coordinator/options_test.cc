@@ -41,6 +41,16 @@ TEST_F(ConfigReaderTest, ValuesAreTakenExactlyAsWritten) {
   EXPECT_EQ(1, opts_.root);
 }
 
+TEST_F(ConfigReaderTest, ParallelTrainingOnlyWhileTheFileSaysTrue) {
+  load("parallel_training=true\n");
+  EXPECT_EQ(1, opts_.parallel_training);
+  load("parallel_training=yes\n");
+  EXPECT_EQ(0, opts_.parallel_training);
+  load("parallel_training=true\n");
+  load("root=true\n");  // the key gone: one pair at a time again
+  EXPECT_EQ(0, opts_.parallel_training);
+}
+
 TEST_F(ConfigReaderTest, ScheduleFieldsOutsideTheirRangesBecomeZero) {
   struct {
     const char* text;
