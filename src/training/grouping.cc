@@ -128,7 +128,11 @@ class mesh_graph {
 
 int32_t zunta_group_mesh_pairs(const node_tables* nodes, mesh_pair* const* pairs, int32_t count,
                                int32_t* group_of) {
-  if (nodes == nullptr || pairs == nullptr || group_of == nullptr || count < 0) {
+  if (nodes == nullptr) {
+    ZLOG(COMP_TR, LVL_E, "NULL pointer exception for coordinator\n");
+    return -1;
+  }
+  if (pairs == nullptr || group_of == nullptr || count < 0) {
     ZLOG(COMP_TR, LVL_E, "NULL pointer exception for Mesh Pair\n");
     return -1;
   }
