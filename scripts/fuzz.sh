@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer harnesses (preset fuzz, clang 14) and runs each, one process on one core,
 # for SECONDS (default 60) over its seed corpus in tests/fuzz/corpus/<harness>/. New inputs go to
-# a scratch directory, so
-# the committed corpus only changes by hand; a crash leaves its input there and fails the run.
+# a scratch directory, so the committed corpus only changes by hand; a crash leaves its input
+# there and fails the run.
 # Every harness runs without a network (its own empty network namespace) and with connect()
 # refused, so nothing parsed from fuzz input can reach another host.
 set -euo pipefail
