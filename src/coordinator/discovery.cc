@@ -38,8 +38,9 @@ struct answer_collection {
 void keep_answer(answer_collection& c, const char* answer) {
   if (c.kept >= DISCOVERY_MAX_ANSWERS) {
     if (!c.overflow_reported) {
-      ZLOG(COMP_CORE, LVL_E, "Discovery answers beyond the first %d of this request are dropped\n",
-           static_cast<int>(DISCOVERY_MAX_ANSWERS));
+      ZLOG_AS("zunta_mesh_nodes_discovery", COMP_CORE, LVL_E,
+              "Discovery answers beyond the first %d of this request are dropped\n",
+              static_cast<int>(DISCOVERY_MAX_ANSWERS));
       c.overflow_reported = true;
     }
     return;
@@ -105,6 +106,12 @@ void register_answer_line(struct coordinator* coordinator, const char* line) {
 
 }  // namespace
 
+bool zunta_discovery_due(const struct coordinator* coordinator, uint32_t now_ms) {
+  return coordinator->discovery_started == 0 ||
+         timediff(now_ms, coordinator->last_broadcast_ms) >=
+             static_cast<int32_t>(zunta_scaled_ms(DISCOVERY_PERIOD_MS));
+}
+
 int zunta_mesh_nodes_discovery(struct coordinator* coordinator, int32_t* new_broadcast,
                                char (&broadcast_buffer)[BROADCAST_BUFFER_SIZE]) {
   auto now = static_cast<uint32_t>(uptime_ms());
@@ -113,10 +120,7 @@ int zunta_mesh_nodes_discovery(struct coordinator* coordinator, int32_t* new_bro
     ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for Coordinator\n");
     return -1;
   }
-  if (coordinator->discovery_started && timediff(now, coordinator->last_broadcast_ms) <
-                                            static_cast<int32_t>(zunta_scaled_ms(DISCOVERY_PERIOD_MS))) {
-    return 0;
-  }
+  if (!zunta_discovery_due(coordinator, now)) return 0;
   if (send_request(coordinator) != 0) return -1;
   coordinator->last_broadcast_ms = now;
   coordinator->discovery_started = 1;

@@ -20,6 +20,11 @@ constexpr std::size_t BROADCAST_BUFFER_SIZE = DISCOVERY_MAX_ANSWERS * (DISCOVERY
 int zunta_mesh_nodes_discovery(struct coordinator* coordinator, int32_t* new_broadcast,
                                char (&broadcast_buffer)[BROADCAST_BUFFER_SIZE]);
 
+// True when a request is due at `now_ms` (uptime milliseconds): none sent yet, or the period
+// (scaled off target) has fully passed since the last one. A request exactly one period after the
+// last goes out.
+bool zunta_discovery_due(const struct coordinator* coordinator, uint32_t now_ms);
+
 // Adds an ath for every well-formed "ip,mac,value,eth_index" line not yet registered.
 // Each line feed of the buffer becomes a NUL.
 void zunta_parse_broadcast_message(struct coordinator* coordinator, char* broadcast_buffer);

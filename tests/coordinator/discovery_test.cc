@@ -16,6 +16,7 @@
 #include "coordinator/options.h"
 #include "core/clock.h"
 #include "core/fd.h"
+#include "core/runtime.h"
 #include "registry/ath.h"
 
 // Answers are kept in order, one per line, up to the collection's capacity (later ones dropped,
@@ -75,4 +76,16 @@ TEST(DiscoveryTest, OneRequestPerPeriodAndAnswersKeptInOrderUpToTheLimit) {
   EXPECT_EQ(0, zunta_mesh_nodes_discovery(&c, &new_broadcast, buffer));
   EXPECT_EQ(nullptr, std::memchr(buffer, 'x', sizeof buffer));
   EXPECT_EQ(-1, recv(responder.get(), nullptr, 0, MSG_DONTWAIT | MSG_TRUNC));
+}
+
+// The period is 60000 ms on the target (scaled here): a request exactly one period after the last
+// goes out, one millisecond earlier it does not; the clock may wrap in between.
+TEST(DiscoveryTest, RequestIsDueOnceTheWholePeriodHasPassed) {
+  struct coordinator c = {};
+  EXPECT_TRUE(zunta_discovery_due(&c, 5));  // nothing sent yet
+  c.discovery_started = 1;
+  c.last_broadcast_ms = 0xfffff000u;
+  const uint32_t period = zunta_scaled_ms(DISCOVERY_PERIOD_MS);
+  EXPECT_FALSE(zunta_discovery_due(&c, c.last_broadcast_ms + period - 1));
+  EXPECT_TRUE(zunta_discovery_due(&c, c.last_broadcast_ms + period));
 }
