@@ -234,6 +234,12 @@ void begin_job(zunta_command_job& job, bool single, int64_t now) {
   start_exchange(job, now);
 }
 
+short awaited_events(int phase) {
+  if (phase == READING) return POLLIN;
+  if (phase == CONNECTING || phase == SENDING) return POLLOUT;
+  return 0;
+}
+
 // Runs the jobs to their results; fds holds one poll entry per job.
 void run_jobs(zunta_command_job* jobs, std::size_t count, bool single, pollfd* fds) {
   int64_t now = monotonic_us();
@@ -244,9 +250,7 @@ void run_jobs(zunta_command_job* jobs, std::size_t count, bool single, pollfd* f
     int64_t wake = 0;
     for (std::size_t i = 0; i < count; ++i) {
       const zunta_exchange_state& s = jobs[i].state;
-      short events = s.phase == READING                              ? POLLIN
-                     : (s.phase == CONNECTING || s.phase == SENDING) ? POLLOUT
-                                                                     : 0;
+      const short events = awaited_events(s.phase);
       fds[i] = pollfd{events != 0 ? s.fd : -1, events, 0};  // poll skips negative descriptors
       if (s.phase == DONE) continue;
       if (!active || s.wake_us < wake) wake = s.wake_us;
@@ -269,18 +273,17 @@ void run_jobs(zunta_command_job* jobs, std::size_t count, bool single, pollfd* f
 
 void run_batch(zunta_command_job* jobs, std::size_t count, bool single) {
   if (count == 0) return;
-  auto* fds = static_cast<pollfd*>(std::calloc(count, sizeof(pollfd)));
-  if (fds != nullptr) {
-    run_jobs(jobs, count, single, fds);
-    std::free(fds);
+  pollfd one{};
+  auto* fds = count == 1 ? &one : static_cast<pollfd*>(std::calloc(count, sizeof(pollfd)));
+  if (fds == nullptr) {
+    ZLOG_AS("zunta_make_and_send_commands", COMP_CORE, LVL_E,
+            "Memory allocation error for the command batch, sending one by one\n");
+    for (std::size_t i = 0; i < count; ++i)
+      run_jobs(&jobs[i], 1, single, &one);
     return;
   }
-  ZLOG_AS("zunta_make_and_send_commands", COMP_CORE, LVL_E,
-          "Memory allocation error for the command batch, sending one by one\n");
-  for (std::size_t i = 0; i < count; ++i) {
-    pollfd one{};
-    run_jobs(&jobs[i], 1, single, &one);
-  }
+  run_jobs(jobs, count, single, fds);
+  if (fds != &one) std::free(fds);
 }
 
 }  // namespace
