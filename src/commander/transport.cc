@@ -20,19 +20,13 @@
 
 char command[COMMAND_SIZE] = {};
 
-// The lines of an exchange belong to the procedure that owns the step, whichever helper of the
-// state machine notices the event.
-#define LOG_AS(proc_, lvl_, ...)                                          \
-  do {                                                                    \
-    if (g_log != nullptr && g_log->components[COMP_CORE].level >= (lvl_)) \
-      log_record((proc_), __LINE__, COMP_CORE, (lvl_), __VA_ARGS__);      \
-  } while (0)
-
 namespace {
 
 constexpr int64_t AGENT_TIMEOUT_US = 3000000;                // connection, send, and each read
 constexpr int64_t ANSWER_TIMEOUT_US = 2 * AGENT_TIMEOUT_US;  // the whole answer after the command
 constexpr int64_t RETRY_PAUSE_US = 1000000;
+// The lines of an exchange name the procedure that owns the step, whichever helper of the state
+// machine notices the event.
 constexpr char EXCHANGE[] = "zunta_send_command";
 constexpr char WRAPPER[] = "zunta_make_and_send_command";
 
@@ -56,7 +50,7 @@ void finish_job(zunta_command_job& job) {
   zunta_exchange_state& s = job.state;
   s.phase = DONE;
   if (s.last == 1) {
-    LOG_AS(WRAPPER, LVL_I, "Maximum number of requests is reached\n");
+    ZLOG_AS(WRAPPER, COMP_CORE, LVL_I, "Maximum number of requests is reached\n");
     job.result = 1;
     return;
   }
@@ -67,7 +61,7 @@ void finish_job(zunta_command_job& job) {
     job.result = -1;
     return;
   }
-  LOG_AS(WRAPPER, LVL_D, "RESPONSE %d: %s\n", job.index, job.answer);
+  ZLOG_AS(WRAPPER, COMP_CORE, LVL_D, "RESPONSE %d: %s\n", job.index, job.answer);
   job.result = 0;
 }
 
@@ -83,7 +77,7 @@ void after_exchange(zunta_command_job& job, int code, int64_t now) {
   }
   if (!s.retrying) {
     if (code == -1) {
-      LOG_AS(WRAPPER, LVL_E, "Error while sending command\n");
+      ZLOG_AS(WRAPPER, COMP_CORE, LVL_E, "Error while sending command\n");
       job.result = -1;
       s.phase = DONE;
       return;
@@ -93,7 +87,7 @@ void after_exchange(zunta_command_job& job, int code, int64_t now) {
     s.counter = 0;
     return start_exchange(job, now);
   }
-  if (code == -1) LOG_AS(WRAPPER, LVL_E, "Error while sending command (%d)\n", s.counter);
+  if (code == -1) ZLOG_AS(WRAPPER, COMP_CORE, LVL_E, "Error while sending command (%d)\n", s.counter);
   s.phase = PAUSING;
   s.wake_us = now + zunta_scaled_us(RETRY_PAUSE_US);
 }
@@ -106,7 +100,7 @@ void after_pause(zunta_command_job& job, int64_t now) {
 }
 
 void fail_exchange(zunta_command_job& job, const char* line, int64_t now) {
-  LOG_AS(EXCHANGE, LVL_E, "%s", line);
+  ZLOG_AS(EXCHANGE, COMP_CORE, LVL_E, "%s", line);
   close_socket(job.state);
   after_exchange(job, -1, now);
 }
@@ -115,18 +109,18 @@ void fail_exchange(zunta_command_job& job, const char* line, int64_t now) {
 void end_reading(zunta_command_job& job, int64_t now) {
   zunta_exchange_state& s = job.state;
   close_socket(s);
-  if (s.marker == NO_MARKER) LOG_AS(EXCHANGE, LVL_E, "zero bytes received\n");
+  if (s.marker == NO_MARKER) ZLOG_AS(EXCHANGE, COMP_CORE, LVL_E, "zero bytes received\n");
   int code = 1;
   if (s.marker == ACK) {
-    LOG_AS(EXCHANGE, LVL_D, "ACK received\n");
+    ZLOG_AS(EXCHANGE, COMP_CORE, LVL_D, "ACK received\n");
     code = 0;
   } else if (s.marker == NACK) {
-    LOG_AS(EXCHANGE, LVL_D, "NACK received\n");
+    ZLOG_AS(EXCHANGE, COMP_CORE, LVL_D, "NACK received\n");
   } else if (job.answer[0] != '\0') {
-    LOG_AS(EXCHANGE, LVL_I, "No ACK or NACK received: `%s`, returning (2)\n", job.answer);
+    ZLOG_AS(EXCHANGE, COMP_CORE, LVL_I, "No ACK or NACK received: `%s`, returning (2)\n", job.answer);
     code = 2;
   } else {
-    LOG_AS(EXCHANGE, LVL_D, "No response from the slave, assuming NACK\n");
+    ZLOG_AS(EXCHANGE, COMP_CORE, LVL_D, "No response from the slave, assuming NACK\n");
   }
   after_exchange(job, code, now);
 }
@@ -231,13 +225,19 @@ void begin_job(zunta_command_job& job, bool single, int64_t now) {
   job.state.single = single;
   job.result = -1;
   if (single) return start_exchange(job, now);
-  LOG_AS(WRAPPER, LVL_D, "CMD %d to %s - SET\n", job.index, job.ip);
+  ZLOG_AS(WRAPPER, COMP_CORE, LVL_D, "CMD %d to %s - SET\n", job.index, job.ip);
   if (zunta_make_command(job.buffer, job.index, job.value, job.arg1, job.arg2) == -1) {
-    LOG_AS(WRAPPER, LVL_E, "Error during command generation\n");
+    ZLOG_AS(WRAPPER, COMP_CORE, LVL_E, "Error during command generation\n");
     job.state.phase = DONE;
     return;
   }
   start_exchange(job, now);
+}
+
+short awaited_events(int phase) {
+  if (phase == READING) return POLLIN;
+  if (phase == CONNECTING || phase == SENDING) return POLLOUT;
+  return 0;
 }
 
 // Runs the jobs to their results; fds holds one poll entry per job.
@@ -250,9 +250,7 @@ void run_jobs(zunta_command_job* jobs, std::size_t count, bool single, pollfd* f
     int64_t wake = 0;
     for (std::size_t i = 0; i < count; ++i) {
       const zunta_exchange_state& s = jobs[i].state;
-      short events = s.phase == READING                              ? POLLIN
-                     : (s.phase == CONNECTING || s.phase == SENDING) ? POLLOUT
-                                                                     : 0;
+      const short events = awaited_events(s.phase);
       fds[i] = pollfd{events != 0 ? s.fd : -1, events, 0};  // poll skips negative descriptors
       if (s.phase == DONE) continue;
       if (!active || s.wake_us < wake) wake = s.wake_us;
@@ -275,18 +273,17 @@ void run_jobs(zunta_command_job* jobs, std::size_t count, bool single, pollfd* f
 
 void run_batch(zunta_command_job* jobs, std::size_t count, bool single) {
   if (count == 0) return;
-  auto* fds = static_cast<pollfd*>(std::calloc(count, sizeof(pollfd)));
-  if (fds != nullptr) {
-    run_jobs(jobs, count, single, fds);
-    std::free(fds);
+  pollfd one{};
+  auto* fds = count == 1 ? &one : static_cast<pollfd*>(std::calloc(count, sizeof(pollfd)));
+  if (fds == nullptr) {
+    ZLOG_AS("zunta_make_and_send_commands", COMP_CORE, LVL_E,
+            "Memory allocation error for the command batch, sending one by one\n");
+    for (std::size_t i = 0; i < count; ++i)
+      run_jobs(&jobs[i], 1, single, &one);
     return;
   }
-  LOG_AS("zunta_make_and_send_commands", LVL_E,
-         "Memory allocation error for the command batch, sending one by one\n");
-  for (std::size_t i = 0; i < count; ++i) {
-    pollfd one{};
-    run_jobs(&jobs[i], 1, single, &one);
-  }
+  run_jobs(jobs, count, single, fds);
+  if (fds != &one) std::free(fds);
 }
 
 }  // namespace

@@ -50,7 +50,7 @@ int zunta_parse_mesh_list(ath* a, char* answer) {
     if (!scan_neighbour_line(line, scanned)) continue;
     auto* n = static_cast<neighbour*>(std::calloc(1, sizeof(neighbour)));
     if (n == nullptr) {
-      ZLOG(COMP_CORE, LVL_E, "Memory allocation error for neighbour\n");
+      ZLOG_AS("zunta_get_mesh_list", COMP_CORE, LVL_E, "Memory allocation error for neighbour\n");
       return -1;
     }
     *n = scanned;
