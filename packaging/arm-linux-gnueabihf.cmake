@@ -2,6 +2,7 @@
 #   cmake -S . -B build-arm -DCMAKE_TOOLCHAIN_FILE=packaging/arm-linux-gnueabihf.cmake \
 #         -DZUNTA_BUILD_TESTS=OFF -DZUNTA_BUILD_BENCH=OFF
 #   cmake --build build-arm --target zunta-coord
+# scripts/test.sh --arm uses it through the "arm" preset and runs every test under qemu-arm.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
