@@ -178,6 +178,27 @@ TEST_F(SimulatorTest, DiscoveryFaultsDropOrRepeatANodesAnswer) {
   EXPECT_EQ(answer('1') + answer('3') + answer('3'), answers);
 }
 
+// Over the sockets the windows carry the names, the times and the order of their commands, and
+// the record file gets each window once it stopped.
+TEST_F(SimulatorTest, MeasurementWindowsRunFromTheFirstStartToTheStop) {
+  for (const char* line : {"4,-1,a 0a:5a:00:00:00:01", "8,-1,127.0.7.1 00:00:00:00:00:00"})
+    ASSERT_EQ("ack", talk("127.0.7.2", frame(line)));
+  ASSERT_EQ("ack", talk("127.0.7.1", frame("8,-1,127.0.7.2 00:00:00:00:00:00")));
+  EXPECT_EQ("0a:5a:00:00:00:01,2,0x3,640,320,310,640\n|ack", talk("127.0.7.2", frame("5,-1,a b")));
+  std::vector<measure_window> w = sim_.windows();
+  ASSERT_EQ(2u, w.size());
+  EXPECT_EQ("n2 n1 1 3", w[0].node + " " + w[0].peer + " " + std::to_string(w[0].start_seq) + " " +
+                             std::to_string(w[0].stop_seq));
+  EXPECT_LE(w[0].start_ms, w[0].stop_ms);
+  EXPECT_EQ("n1 n2 2 0 -1", w[1].node + " " + w[1].peer + " " + std::to_string(w[1].start_seq) + " " +
+                                std::to_string(w[1].stop_seq) + " " + std::to_string(w[1].stop_ms));
+  EXPECT_THAT(window_json(w[0]),
+              testing::MatchesRegex("\\{\"t_ms\":[0-9]+,\"source\":\"window\",\"node\":\"n2\",\"peer\":"
+                                    "\"n1\",\"peer_mac\":\"0a:5a:00:00:00:01\",\"start_ms\":[0-9]+,"
+                                    "\"stop_ms\":[0-9]+,\"start_seq\":1,\"stop_seq\":3,"
+                                    "\"gain_db\":0,\"share\":1.000000\\}"));
+}
+
 // Counts the answer lines, before the marker's own read, that `scan` reads completely.
 int scanned_lines(const std::string& answer, const std::function<bool(const char*)>& scan) {
   EXPECT_EQ(answer.size() - 4, answer.rfind("|ack")) << answer;

@@ -114,7 +114,7 @@ bool parse_command_line(const std::string& line, command_line* out) {
 }
 
 answer_plan answer_command(topology& topo, node& n, const command_line* cmd, int marker_gap_ms,
-                           uint64_t* rng) {
+                           const command_context& ctx) {
   if (cmd == nullptr) return nack_plan("nack", "malformed command line");
   int index = cmd->index;
   if (find_fault(n, fault_kind::silent, index) != nullptr) {
@@ -128,11 +128,12 @@ answer_plan answer_command(topology& topo, node& n, const command_line* cmd, int
     return nack_plan("nack", "");
   }
   if (find_fault(n, fault_kind::nack_always, index) != nullptr) return nack_plan("nack", "");
-  reply r = act_on_command(topo, n, *cmd, rng);
+  reply r = act_on_command(topo, n, *cmd, ctx);
   if (!r.accepted) return nack_plan("nack", r.note);
   std::string text = find_fault(n, fault_kind::garbage, index) != nullptr ? with_garbage(r.text) : r.text;
   answer_plan plan = deliver(n, index, text, marker_gap_ms);
   plan.note = r.note;
+  plan.closed = std::move(r.closed);
   return plan;
 }
 

@@ -32,6 +32,12 @@ std::string frame_line(const std::string& frame, bool* complete);
 // blanks separated by one blank. Returns false for anything else.
 bool parse_command_line(const std::string& line, command_line* out);
 
+// What acting on a command needs besides the topology and the node.
+struct command_context {
+  int64_t t_ms = 0;         // when the command arrived, ms since the simulator started
+  uint64_t* rng = nullptr;  // the measurement noise generator
+};
+
 struct step {
   enum class kind { send, wait, close, hold } what = kind::close;
   std::string bytes;  // send
@@ -42,12 +48,13 @@ struct answer_plan {
   std::vector<step> steps;
   std::string kind;  // what was sent, for the record: ack, text+ack, nack, silent, no_marker, ...
   std::string note;  // something worth logging (a refused command, an unknown peer); may be empty
+  std::vector<measure_window> closed;  // measurement windows that the command stopped
 };
 
 // Acts on one received frame for node n (faults included) and plans the answer. `cmd` is null
-// when the command line was malformed. Draws measurement noise from *rng.
+// when the command line was malformed.
 answer_plan answer_command(topology& topo, node& n, const command_line* cmd, int marker_gap_ms,
-                           uint64_t* rng);
+                           const command_context& ctx);
 
 }  // namespace meshsim
 

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "meshsim/faults.h"
+#include "meshsim/interference.h"
 #include "meshsim/radio.h"
 
 namespace meshsim {
@@ -37,14 +38,6 @@ bool is_dotted_numbers(const std::string& text) {
   return std::sscanf(text.c_str(), "%u.%u.%u.%u%c", &a, &b, &c, &d, &tail) == 4;
 }
 
-void add_measured(node& n, const std::string& mac) {
-  std::string key = lower_text(mac);
-  for (const std::string& m : n.measured) {
-    if (m == key) return;
-  }
-  n.measured.push_back(key);
-}
-
 // A line that names another MAC than the peer: its first octet replaced.
 std::string other_mac(const std::string& mac) {
   std::string out = mac;
@@ -52,8 +45,9 @@ std::string other_mac(const std::string& mac) {
   return out;
 }
 
-std::string result_line(const topology& topo, node& n, const node& peer, link_model& link, uint64_t* rng) {
-  measurement m = measure(topo, n, peer, link, rng);
+std::string result_line(const topology& topo, node& n, const node& peer, link_model& link, double share,
+                        uint64_t* rng) {
+  measurement m = measure_rate(topo, model_bitrate(topo, n, peer, link) * share, link, rng);
   const fault* radio = find_fault(n, fault_kind::radio, 5);
   std::string mac = find_fault(n, fault_kind::no_peer_line, 5) != nullptr ? other_mac(peer.mac) : peer.mac;
   char line[160];
@@ -63,19 +57,19 @@ std::string result_line(const topology& topo, node& n, const node& peer, link_mo
   return line;
 }
 
-// Command 5: one line per peer started since the last command 5, then the list is cleared. A peer
+// Command 5: one line per peer started since the last command 5, whose windows it stops. A peer
 // without a link model gets no line: there is no station to report on.
-reply stop_measurement(topology& topo, node& n, uint64_t* rng) {
-  std::string text;
-  for (const std::string& mac : n.measured) {
-    node* peer = topo.find_by_mac(mac);
+reply stop_measurement(topology& topo, node& n, const command_context& ctx) {
+  reply r = accept();
+  r.closed = close_windows(topo, n, ctx.t_ms);
+  for (const measure_window& w : r.closed) {
+    node* peer = topo.find_by_mac(w.peer_mac);
     if (peer == nullptr) continue;
     for (link_model& link : n.links) {
-      if (link.peer == peer->name) text += result_line(topo, n, *peer, link, rng);
+      if (link.peer == peer->name) r.text += result_line(topo, n, *peer, link, w.share, ctx.rng);
     }
   }
-  n.measured.clear();
-  return accept(text);
+  return r;
 }
 
 reply neighbour_lines(const node& n) {
@@ -104,7 +98,7 @@ reply set_pattern(node& n, const command_line& cmd) {
   return accept();
 }
 
-reply start_towards_ip(topology& topo, node& n, const command_line& cmd) {
+reply start_towards_ip(topology& topo, node& n, const command_line& cmd, int64_t t_ms) {
   if (!is_dotted_numbers(cmd.arg1)) return refuse("peer is not an IP text");
   node* peer = topo.find_by_ip(cmd.arg1);
   if (peer == nullptr) {
@@ -112,13 +106,13 @@ reply start_towards_ip(topology& topo, node& n, const command_line& cmd) {
     r.note = "measurement towards unknown IP " + cmd.arg1;
     return r;
   }
-  add_measured(n, peer->mac);
+  open_window(topo, n, peer->mac, t_ms);
   return accept();
 }
 
 }  // namespace
 
-reply act_on_command(topology& topo, node& n, const command_line& cmd, uint64_t* rng) {
+reply act_on_command(topology& topo, node& n, const command_line& cmd, const command_context& ctx) {
   bool mac_arg2 = is_mac_text(cmd.arg2);
   switch (cmd.index) {
     case 0:
@@ -132,17 +126,17 @@ reply act_on_command(topology& topo, node& n, const command_line& cmd, uint64_t*
       return set_pattern(n, cmd);
     case 4:
       if (!mac_arg2) return refuse("peer is not a MAC text");
-      add_measured(n, cmd.arg2);
+      open_window(topo, n, cmd.arg2, ctx.t_ms);
       return accept();
     case 5:
-      return stop_measurement(topo, n, rng);
+      return stop_measurement(topo, n, ctx);
     case 6:
       if (lower_text(cmd.arg2) != lower_text(n.mac))
         return refuse("optimisation for another MAC than the node's");
       ++n.optimisations;
       return accept();
     case 8:
-      return start_towards_ip(topo, n, cmd);
+      return start_towards_ip(topo, n, cmd, ctx.t_ms);
     case 9:
       return client_lines(n);
     case 11:

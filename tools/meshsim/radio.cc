@@ -58,7 +58,11 @@ int model_bitrate(const topology& topo, const node& self, const node& peer, cons
 
 measurement measure(const topology& topo, const node& self, const node& peer, link_model& link,
                     uint64_t* rng) {
-  double rate = model_bitrate(topo, self, peer, link);
+  return measure_rate(topo, model_bitrate(topo, self, peer, link), link, rng);
+}
+
+measurement measure_rate(const topology& topo, double model_kbps, link_model& link, uint64_t* rng) {
+  double rate = model_kbps;
   if (topo.noise_percent > 0) rate *= 1.0 + topo.noise_percent / 100.0 * (random_unit(rng) * 2.0 - 1.0);
   measurement m;
   m.avg_bitrate_ma = clamp_kbps(rate);

@@ -35,6 +35,8 @@ int model_bitrate(const topology& topo, const node& self, const node& peer, cons
 // from it (see the README). Carries the exponential average in link.last_avg.
 measurement measure(const topology& topo, const node& self, const node& peer, link_model& link,
                     uint64_t* rng);
+// The same from a given model value in kbit/s (the model bitrate after interference).
+measurement measure_rate(const topology& topo, double model_kbps, link_model& link, uint64_t* rng);
 
 // Deterministic generator used for the noise and by the topology generator.
 uint64_t next_random(uint64_t* state);

@@ -51,6 +51,21 @@ void recorder::add(command_record r) {
   added_.notify_all();
 }
 
+void recorder::add_window(measure_window w) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (file_) {
+    std::string line = window_json(w) + "\n";
+    std::fwrite(line.data(), 1, line.size(), file_.get());
+    std::fflush(file_.get());
+  }
+  windows_.push_back(std::move(w));
+}
+
+std::vector<measure_window> recorder::windows() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return windows_;
+}
+
 std::vector<command_record> recorder::copy() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return records_;
@@ -59,6 +74,7 @@ std::vector<command_record> recorder::copy() const {
 void recorder::clear() {
   std::lock_guard<std::mutex> lock(mutex_);
   records_.clear();
+  windows_.clear();
 }
 
 bool recorder::wait_for(const record_predicate& pred, int timeout_ms) const {
@@ -77,6 +93,20 @@ std::string record_json(const command_record& r) {
   out += "\",\"arg2\":\"" + json_text(r.arg2) + "\",\"frame_len\":" + std::to_string(r.frame_len);
   out += ",\"answer\":\"" + json_text(r.answer) + "\"}";
   return out;
+}
+
+std::string window_json(const measure_window& w) {
+  char figures[256];
+  std::snprintf(figures, sizeof figures,
+                "\",\"start_ms\":%lld,\"stop_ms\":%lld,\"start_seq\":%llu,\"stop_seq\":%llu,"
+                "\"gain_db\":%g,\"share\":%.6f}",
+                static_cast<long long>(w.start_ms), static_cast<long long>(w.stop_ms),
+                static_cast<unsigned long long>(w.start_seq), static_cast<unsigned long long>(w.stop_seq),
+                w.gain_db, w.share);
+  std::string out = "{\"t_ms\":" + std::to_string(w.stop_ms) + ",\"source\":\"window\",\"node\":\"";
+  out +=
+      json_text(w.node) + "\",\"peer\":\"" + json_text(w.peer) + "\",\"peer_mac\":\"" + json_text(w.peer_mac);
+  return out + figures;
 }
 
 }  // namespace meshsim

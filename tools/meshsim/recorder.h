@@ -1,5 +1,6 @@
-// The simulator's record of everything the agents and the discovery responder received, kept in
-// order in memory and written as JSON lines to an optional file (flushed per line).
+// The simulator's record of everything the agents and the discovery responder received, and of
+// every measurement window once it stopped, kept in order in memory and written as JSON lines to an
+// optional file (flushed per line).
 #ifndef ZUNTA_MESHSIM_RECORDER_H_
 #define ZUNTA_MESHSIM_RECORDER_H_
 
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "core/fd.h"
+#include "meshsim/topology.h"
 
 namespace meshsim {
 
@@ -36,8 +38,10 @@ class recorder {
   // Opens (truncates) the JSON lines file. Returns 0, or -1 with the reason in *error.
   int open(const std::string& path, std::string* error);
   void add(command_record r);
+  void add_window(measure_window w);  // a stopped window
   std::vector<command_record> copy() const;
-  void clear();
+  std::vector<measure_window> windows() const;  // in the order they stopped
+  void clear();                                 // records and windows
   // Waits until pred holds for the records (checked at once and after each new record), at most
   // timeout_ms. Returns whether it held. pred runs with the record lock held: it must not call
   // back into the recorder or the simulator's record methods.
@@ -47,11 +51,13 @@ class recorder {
   mutable std::mutex mutex_;
   mutable std::condition_variable added_;
   std::vector<command_record> records_;
+  std::vector<measure_window> windows_;
   unique_file file_;
 };
 
 // One record as a JSON object on one line, without the line feed.
 std::string record_json(const command_record& r);
+std::string window_json(const measure_window& w);
 
 }  // namespace meshsim
 

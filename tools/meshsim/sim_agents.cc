@@ -94,9 +94,14 @@ void mesh_simulator::answer_frame(connection& c) {
     c.done = true;
     return;
   }
-  answer_plan plan = answer_command(topo_, *n, parsed ? &cmd : nullptr, config_.marker_gap_ms, &rng_);
+  command_context ctx;
+  ctx.t_ms = now_ms() - start_ms_;
+  ctx.rng = &rng_;
+  answer_plan plan = answer_command(topo_, *n, parsed ? &cmd : nullptr, config_.marker_gap_ms, ctx);
   if (!plan.note.empty()) note("node %s: \"%s\": %s", c.node.c_str(), line.c_str(), plan.note.c_str());
   record(c, line, parsed ? &cmd : nullptr, plan.kind);
+  for (measure_window& w : plan.closed)
+    records_.add_window(std::move(w));
   c.steps = std::move(plan.steps);
   c.next_step = 0;
   c.state = connection::phase::answering;

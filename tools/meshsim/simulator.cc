@@ -12,6 +12,7 @@
 #include <cstdio>
 
 #include "meshsim/faults.h"
+#include "meshsim/interference.h"
 #include "meshsim/net.h"
 
 namespace meshsim {
@@ -311,6 +312,20 @@ int mesh_simulator::tx_pattern(const std::string& name, const std::string& peer_
 int mesh_simulator::rx_pattern(const std::string& name) const {
   node_view v;
   return node_state(name, &v) ? v.rx_pattern : -1;
+}
+
+std::vector<measure_window> mesh_simulator::windows() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<measure_window> out = records_.windows();
+  for (const node& n : topo_.nodes)
+    out.insert(out.end(), n.measuring.begin(), n.measuring.end());
+  return out;
+}
+
+bool mesh_simulator::pairs_within_two_hops(const std::string& a1, const std::string& a2,
+                                           const std::string& b1, const std::string& b2) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return meshsim::pairs_within_two_hops(topo_, a1, a2, b1, b2);
 }
 
 std::string mesh_simulator::fallback(const std::string& name) const {

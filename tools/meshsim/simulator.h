@@ -77,7 +77,10 @@ class mesh_simulator {
   int control(const std::string& line, std::string* reply);
 
   std::vector<command_record> records() const { return records_.copy(); }
-  void clear_records() { records_.clear(); }
+  // Measurement windows: the stopped ones in the order they stopped, then the open ones (stop_ms -1,
+  // stop_seq 0). windows_overlap() ("meshsim/interference.h") tells whether two of them overlapped.
+  std::vector<measure_window> windows() const;
+  void clear_records() { records_.clear(); }  // and the stopped windows
   bool wait_for(const record_predicate& pred, int timeout_ms) const {
     return records_.wait_for(pred, timeout_ms);
   }
@@ -91,6 +94,10 @@ class mesh_simulator {
   int tx_pattern(const std::string& name, const std::string& peer_mac) const;
   int rx_pattern(const std::string& name) const;        // -1 unset or unknown node
   std::string fallback(const std::string& name) const;  // empty when none
+  // Whether the pairs a1-a2 and b1-b2 (node names) are within two hops in the current topology, as
+  // the interference model decides it; false when a name is unknown.
+  bool pairs_within_two_hops(const std::string& a1, const std::string& a2, const std::string& b1,
+                             const std::string& b2) const;
 
  private:
   struct listener {

@@ -57,6 +57,20 @@ struct pattern_entry {
   int pattern = DEFAULT_PATTERN;
 };
 
+// One node's measurement towards one peer, from the command 4 or 8 that started it to the command 5
+// that reported it. Times are ms since the simulator started. The sequence numbers order every start
+// and stop in the mesh: two windows overlap exactly when each started before the other stopped.
+struct measure_window {
+  std::string node, peer;          // node names; peer is empty when the MAC named no node at the start
+  std::string node_mac, peer_mac;  // lower case
+  int64_t start_ms = 0;
+  int64_t stop_ms = -1;  // -1 while open
+  uint64_t start_seq = 0;
+  uint64_t stop_seq = 0;  // 0 while open
+  double gain_db = 0;     // the node's gain on its pattern towards the peer at the start
+  double share = 1.0;     // part of the bitrate that interference left, set at the stop
+};
+
 struct node {
   std::string name, ip, mac;
   int value = 1;                     // discovery value
@@ -73,13 +87,15 @@ struct node {
   std::string fallback;                   // last fallback text of command 2
   std::vector<std::string> learned_macs;  // command 0
   int optimisations = 0;                  // command 6
-  std::vector<std::string> measured;      // peer MACs started since the last command 5
+  std::vector<measure_window> measuring;  // open windows: peers started since the last command 5
 };
 
 struct topology {
   uint64_t seed = 1;
-  int noise_percent = 0;    // 0: every measurement gives the model value exactly
-  std::vector<node> nodes;  // in the order of their statements
+  int noise_percent = 0;                       // 0: every measurement gives the model value exactly
+  std::vector<node> nodes;                     // in the order of their statements
+  uint64_t window_seq = 0;                     // the last sequence number given to a window's start or stop
+  std::vector<measure_window> closed_windows;  // closed windows that an open one may still overlap
 
   node* find(const std::string& name);
   node* find_by_mac(const std::string& mac);  // any letter case
