@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "commander/catalogue.h"
+#include "core/text.h"
 
 struct ath;
 struct mesh_pair;
@@ -39,6 +40,19 @@ void zunta_dump_training_table(mesh_pair* mp, int32_t left_best, int32_t right_b
 // txcs_count (own_mac names the reporting node). Returns -1 only when the pair or its block is missing.
 int zunta_stop_training(char (&buffer)[COMMAND_SIZE], mesh_pair* mp, const char* peer_mac,
                         const char* own_mac, const char* ip);
+// One command 5 statistics line: "<mac>,<radio>,0x<pattern>,<avg>,<nframes>,<nfeedback>,<avg_ma>".
+struct round_result_line {
+  char mac[MAC_TEXT_SIZE];
+  int32_t radio_id;
+  int32_t pattern;
+  int32_t avg_bitrate;
+  int32_t nframes;
+  int32_t nfeedback;
+  int32_t avg_bitrate_ma;
+};
+// Walks a command 5 answer line by line (each line feed becomes a NUL; text after the last one is
+// not a line) and fills *out from the first complete line about peer_mac. False when none qualifies.
+bool zunta_find_result_line(char (&answer)[ANSWER_SIZE], const char* peer_mac, round_result_line* out);
 // Writes "<status>\n" to the training status file. 0, or -1 when it cannot be opened.
 int32_t zunta_write_mp_training_status(int32_t status);
 
