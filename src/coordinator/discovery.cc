@@ -25,6 +25,9 @@ constexpr char DISCOVERY_REQUEST[] = "IP?";  // sent with its NUL: 4 bytes
 // More datagrams than the socket's receive buffer can queue: emptying it before a request ends
 // even while a host keeps sending.
 constexpr int STALE_DATAGRAMS_MAX = 4096;
+// Over-long answers reported one by one in a collection; a summary line counts the rest, so a
+// host that keeps sending them cannot flood the log.
+constexpr int OVERLONG_REPORTS_MAX = 8;
 
 static_assert(BROADCAST_BUFFER_SIZE > DISCOVERY_MAX_ANSWERS * (DISCOVERY_ANSWER_SIZE + 1),
               "every kept answer, its line feed and the final NUL fit");
@@ -43,6 +46,7 @@ struct answer_collection {
   std::size_t used;
   std::size_t kept;
   bool check_sender;
+  int overlong;                             // answers dropped for their length
   in_addr_t warned[DISCOVERY_MAX_ANSWERS];  // senders already warned about in this request
   std::size_t warned_count;
 };
@@ -131,8 +135,7 @@ int send_request(struct coordinator* coordinator) {
 
 // Receives answers until the socket's receive time-out passes without one, the answer limit is
 // reached or the collection's time is up.
-void collect_answers(struct coordinator* coordinator, char* broadcast_buffer) {
-  answer_collection c{broadcast_buffer, 0, 0, coordinator->discovery_check_sender != 0, {}, 0};
+void receive_answers(struct coordinator* coordinator, answer_collection& c) {
   auto deadline = std::chrono::steady_clock::now() +
                   std::chrono::milliseconds(zunta_scaled_ms(DISCOVERY_COLLECTION_MAX_MS));
   for (;;) {
@@ -155,6 +158,7 @@ void collect_answers(struct coordinator* coordinator, char* broadcast_buffer) {
     if (got < 0 && errno == EINTR) continue;
     if (got >= 0) coordinator->sender_addr = from;
     if (got > static_cast<ssize_t>(DISCOVERY_ANSWER_SIZE)) {
+      if (++c.overlong > OVERLONG_REPORTS_MAX) continue;
       char sender[INET_ADDRSTRLEN] = {};
       inet_ntop(AF_INET, &from.sin_addr, sender, sizeof sender);
       DISCOVERY_ERROR("Discovery answer of %d bytes from %s is longer than %d bytes, dropped\n",
@@ -172,35 +176,13 @@ void collect_answers(struct coordinator* coordinator, char* broadcast_buffer) {
   }
 }
 
-// The leading decimal integer of *text, as "%d" reads it (blanks, a sign, digits), refused when it
-// does not fit 32 bits. *text moves past it.
-bool take_int32(const char** text, int32_t* value) {
-  const char* p = *text;
-  while (*p == ' ' || (*p >= '\t' && *p <= '\r'))
-    ++p;
-  bool negative = *p == '-';
-  if (*p == '-' || *p == '+') ++p;
-  if (*p < '0' || *p > '9') return false;
-  int64_t magnitude = 0;
-  for (; *p >= '0' && *p <= '9'; ++p) {
-    magnitude = magnitude * 10 + (*p - '0');
-    if (magnitude > static_cast<int64_t>(INT32_MAX) + 1) return false;
+void collect_answers(struct coordinator* coordinator, char* broadcast_buffer) {
+  answer_collection c{broadcast_buffer, 0, 0, coordinator->discovery_check_sender != 0, 0, {}, 0};
+  receive_answers(coordinator, c);
+  if (c.overlong > OVERLONG_REPORTS_MAX) {
+    DISCOVERY_ERROR("%d more discovery answers longer than %d bytes dropped\n",
+                    c.overlong - OVERLONG_REPORTS_MAX, static_cast<int>(DISCOVERY_ANSWER_SIZE));
   }
-  if (!negative && magnitude > INT32_MAX) return false;
-  *value = static_cast<int32_t>(negative ? -magnitude : magnitude);
-  *text = p;
-  return true;
-}
-
-// A field of 1 to size-1 characters up to the next comma, which is passed.
-template <std::size_t N>
-bool take_field(const char** text, char (&field)[N]) {
-  std::size_t len = std::strcspn(*text, ",");
-  if (len == 0 || len >= N || (*text)[len] != ',') return false;
-  std::memcpy(field, *text, len);
-  field[len] = '\0';
-  *text += len + 1;
-  return true;
 }
 
 // One answer line: "ip,mac,discovery_value,eth_index". A node already registered under the same
@@ -240,10 +222,11 @@ int zunta_mesh_nodes_discovery(struct coordinator* coordinator, int32_t* new_bro
 
 bool zunta_parse_discovery_answer(const char* line, discovery_answer* answer) {
   if (line == nullptr || answer == nullptr) return false;
-  const char* p = line;
   discovery_answer parsed{};
-  if (!take_field(&p, parsed.ip) || !take_field(&p, parsed.mac) || !take_int32(&p, &parsed.discovery_value) ||
-      *p++ != ',' || !take_int32(&p, &parsed.eth_index)) {
+  const char* p = zunta_scan_text_field(line, parsed.ip);
+  if (p != nullptr) p = zunta_scan_text_field(p, parsed.mac);
+  if (p == nullptr || !zunta_scan_int32(p, 10, INT32_MIN, INT32_MAX, &parsed.discovery_value, &p) ||
+      *p != ',' || !zunta_scan_int32(p + 1, 10, INT32_MIN, INT32_MAX, &parsed.eth_index, nullptr)) {
     return false;
   }
   *answer = parsed;
