@@ -1,5 +1,5 @@
 // The discovery exchange: "IP?" broadcast at most once a period, answers collected until the
-// socket's receive time-out, and the answers turned into ath records.
+// socket's receive time-out or one of the collection's bounds, and the answers turned into ath records.
 #ifndef ZUNTA_COORDINATOR_DISCOVERY_H_
 #define ZUNTA_COORDINATOR_DISCOVERY_H_
 
