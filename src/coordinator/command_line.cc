@@ -108,7 +108,7 @@ bool zunta_command_line_valid(const cycle_state* s) {
   if (s->argc < 2 || std::strcmp(s->argv[1], "-2") != 0) return true;
   int32_t value = 0;
   if (s->argc >= 4 && parse_pattern(s->argv[2], &value) && parse_pattern(s->argv[3], &value)) return true;
-  ZLOG(COMP_CORE, LVL_E, "Option -2 needs two integer patterns: -2 <left> <right>\n");
+  ZLOG_AS("main", COMP_CORE, LVL_E, "Option -2 needs two integer patterns: -2 <left> <right>\n");
   return false;
 }
 

@@ -37,24 +37,24 @@ bool start_up(cycle_state* s) {
   if (!zunta_command_line_valid(s)) return false;
   s->opts = static_cast<options*>(std::calloc(1, sizeof(options)));
   if (s->opts == nullptr) {
-    ZLOG(COMP_CORE, LVL_E, "Memory allocation error for options\n");
+    ZLOG_AS("main", COMP_CORE, LVL_E, "Memory allocation error for options\n");
     return false;
   }
   zunta_init_config_options(s->opts);
   if (zunta_config_load_options(zunta_conf_path(), s->opts) < 0) {
-    ZLOG(COMP_CORE, LVL_E, "Config file does not exist!\n");
+    ZLOG_AS("main", COMP_CORE, LVL_E, "Config file does not exist!\n");
     return false;
   }
   ZLOG(COMP_CORE, LVL_I, "options_  root: %d\n", s->opts->root);
   ZLOG(COMP_CORE, LVL_I, "Broadcast IPv4: %s\n", s->opts->broadcast_address);
   ZLOG(COMP_CORE, LVL_I, "Broadcast port: %d\n", s->opts->broadcast_port);
   if (s->opts->root == 0) {
-    ZLOG(COMP_CORE, LVL_E, "Problem in the config file\n");
+    ZLOG_AS("main", COMP_CORE, LVL_E, "Problem in the config file\n");
     return false;
   }
   ZLOG(COMP_CORE, LVL_I, "I am the root\n");
   if (zunta_coordinator_init(coordinator, s->opts) < 0) {
-    ZLOG(COMP_CORE, LVL_E, "Coordinator not initialized!\n");
+    ZLOG_AS("main", COMP_CORE, LVL_E, "Coordinator not initialized!\n");
     return false;
   }
   s->training_needed = 1;
@@ -65,7 +65,7 @@ bool start_up(cycle_state* s) {
 // Edits of the file are picked up here; of the broadcast settings only the address is re-applied.
 void reload_options(cycle_state* s) {
   if (zunta_config_load_options(zunta_conf_path(), s->opts) < 0) {
-    ZLOG(COMP_CORE, LVL_E, "Error loading the configuration file\n");
+    ZLOG_AS("main", COMP_CORE, LVL_E, "Error loading the configuration file\n");
     return;
   }
   coordinator->discovery_check_sender = s->opts->discovery_check_sender;
@@ -95,7 +95,6 @@ void check_schedule(cycle_state* s) {
 
 // A node's receive pattern, kept while the registry is made anew.
 struct kept_rx {
-  char ip[IP_TEXT_SIZE];
   char mac[MAC_TEXT_SIZE];
   int32_t eth_index;
   int32_t rx_pattern;
@@ -107,7 +106,9 @@ using kept_rx_table = std::unique_ptr<kept_rx[], free_deleter>;
 
 // The nodes go on receiving on the patterns they were told while their records are made anew from
 // a fresh discovery answer. The new records take those patterns over, so the status file keeps
-// showing them until the next receive selection. Without memory for the table they start afresh.
+// showing them until the next receive selection. A node is known by its MAC and interface: one
+// that answers under a new address keeps its pattern. Without memory for the table they start
+// afresh.
 kept_rx_table keep_rx_patterns(int32_t* count) {
   *count = 0;
   if (coordinator->ath_count <= 0) return nullptr;
@@ -116,7 +117,6 @@ kept_rx_table keep_rx_patterns(int32_t* count) {
   sa_list_for_each_entry(a, &coordinator->ath_list, ath, list) {
     if (*count == coordinator->ath_count) break;
     kept_rx& k = kept[(*count)++];
-    zunta_copy_text(k.ip, a->ip);
     zunta_copy_text(k.mac, a->mac);
     k.eth_index = a->eth_index;
     k.rx_pattern = a->rx_pattern;
@@ -127,8 +127,7 @@ kept_rx_table keep_rx_patterns(int32_t* count) {
 void restore_rx_patterns(const kept_rx_table& kept, int32_t count) {
   sa_list_for_each_entry(a, &coordinator->ath_list, ath, list) {
     for (int32_t i = 0; i < count; ++i) {
-      if (kept[i].eth_index == a->eth_index && zunta_text_equal(kept[i].ip, a->ip) &&
-          zunta_text_equal(kept[i].mac, a->mac)) {
+      if (kept[i].eth_index == a->eth_index && zunta_text_equal(kept[i].mac, a->mac)) {
         a->rx_pattern = kept[i].rx_pattern;
         break;
       }

@@ -32,13 +32,6 @@ constexpr int OVERLONG_REPORTS_MAX = 8;
 static_assert(BROADCAST_BUFFER_SIZE > DISCOVERY_MAX_ANSWERS * (DISCOVERY_ANSWER_SIZE + 1),
               "every kept answer, its line feed and the final NUL fit");
 
-// Error lines of the exchange carry the name of the step the operator knows.
-#define DISCOVERY_ERROR(...)                                                             \
-  do {                                                                                   \
-    if (g_log != nullptr && g_log->components[COMP_CORE].level >= LVL_E)                 \
-      log_record("zunta_mesh_nodes_discovery", __LINE__, COMP_CORE, LVL_E, __VA_ARGS__); \
-  } while (0)
-
 // Answers of one request gathered into the caller's buffer, each followed by a line feed, up to
 // DISCOVERY_MAX_ANSWERS, so the buffer is never overrun whatever the number of nodes.
 struct answer_collection {
@@ -161,8 +154,9 @@ void receive_answers(struct coordinator* coordinator, answer_collection& c) {
       if (++c.overlong > OVERLONG_REPORTS_MAX) continue;
       char sender[INET_ADDRSTRLEN] = {};
       inet_ntop(AF_INET, &from.sin_addr, sender, sizeof sender);
-      DISCOVERY_ERROR("Discovery answer of %d bytes from %s is longer than %d bytes, dropped\n",
-                      static_cast<int>(got), sender, static_cast<int>(DISCOVERY_ANSWER_SIZE));
+      ZLOG_AS("zunta_mesh_nodes_discovery", COMP_CORE, LVL_E,
+              "Discovery answer of %d bytes from %s is longer than %d bytes, dropped\n",
+              static_cast<int>(got), sender, static_cast<int>(DISCOVERY_ANSWER_SIZE));
       continue;
     }
     if (answer[0] == '\0') {
@@ -180,8 +174,9 @@ void collect_answers(struct coordinator* coordinator, char* broadcast_buffer) {
   answer_collection c{broadcast_buffer, 0, 0, coordinator->discovery_check_sender != 0, 0, {}, 0};
   receive_answers(coordinator, c);
   if (c.overlong > OVERLONG_REPORTS_MAX) {
-    DISCOVERY_ERROR("%d more discovery answers longer than %d bytes dropped\n",
-                    c.overlong - OVERLONG_REPORTS_MAX, static_cast<int>(DISCOVERY_ANSWER_SIZE));
+    ZLOG_AS("zunta_mesh_nodes_discovery", COMP_CORE, LVL_E,
+            "%d more discovery answers longer than %d bytes dropped\n", c.overlong - OVERLONG_REPORTS_MAX,
+            static_cast<int>(DISCOVERY_ANSWER_SIZE));
   }
 }
 
@@ -198,6 +193,12 @@ void register_answer_line(struct coordinator* coordinator, const char* line) {
 
 }  // namespace
 
+bool zunta_discovery_due(const struct coordinator* coordinator, uint32_t now_ms) {
+  return coordinator->discovery_started == 0 ||
+         timediff(now_ms, coordinator->last_broadcast_ms) >=
+             static_cast<int32_t>(zunta_scaled_ms(DISCOVERY_PERIOD_MS));
+}
+
 int zunta_mesh_nodes_discovery(struct coordinator* coordinator, int32_t* new_broadcast,
                                char (&broadcast_buffer)[BROADCAST_BUFFER_SIZE]) {
   auto now = static_cast<uint32_t>(uptime_ms());
@@ -206,10 +207,7 @@ int zunta_mesh_nodes_discovery(struct coordinator* coordinator, int32_t* new_bro
     ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for Coordinator\n");
     return -1;
   }
-  if (coordinator->discovery_started && timediff(now, coordinator->last_broadcast_ms) <
-                                            static_cast<int32_t>(zunta_scaled_ms(DISCOVERY_PERIOD_MS))) {
-    return 0;
-  }
+  if (!zunta_discovery_due(coordinator, now)) return 0;
   drop_stale_datagrams(coordinator);
   if (send_request(coordinator) != 0) return -1;
   coordinator->last_broadcast_ms = now;

@@ -39,6 +39,11 @@ struct discovery_answer {
 int zunta_mesh_nodes_discovery(struct coordinator* coordinator, int32_t* new_broadcast,
                                char (&broadcast_buffer)[BROADCAST_BUFFER_SIZE]);
 
+// True when a request is due at `now_ms` (uptime milliseconds): none sent yet, or the period
+// (scaled off target) has fully passed since the last one. A request exactly one period after the
+// last goes out.
+bool zunta_discovery_due(const struct coordinator* coordinator, uint32_t now_ms);
+
 // Reads one line: an IP of 1 to 15 characters and a MAC of 1 to 17, both without commas, then two
 // decimal integers (blanks before each allowed, text after the last ignored), separated by single
 // commas. False when a field is missing, too long, or an integer does not fit 32 bits.

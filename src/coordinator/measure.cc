@@ -35,7 +35,7 @@ void print_row(const mesh_pair* mp, int32_t row_counter) {
 
 void zunta_mp_measure_pass(struct coordinator* coordinator, int32_t interval, int32_t* row_counter) {
   if (coordinator == nullptr || row_counter == nullptr) {
-    ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for Coordinator\n");
+    ZLOG_AS("zunta_mp_measure", COMP_CORE, LVL_E, "NULL pointer exception for Coordinator\n");
     pause_interval(interval);
     return;
   }
@@ -49,18 +49,18 @@ void zunta_mp_measure_pass(struct coordinator* coordinator, int32_t interval, in
     zunta_start_dump(command, mp->left_ip, mp->right_mac);
     zunta_start_dump(command, mp->right_ip, mp->left_mac);
     if (zunta_start_training(command, mp->left_ip, mp->right_ip) != 0) {
-      ZLOG(COMP_TR, LVL_E, "Error while start training\n");
+      ZLOG_AS("zunta_mp_measure", COMP_TR, LVL_E, "Error while start training\n");
     }
     if (zunta_start_training(command, mp->right_ip, mp->left_ip) != 0) {
-      ZLOG(COMP_TR, LVL_E, "Error while start training\n");
+      ZLOG_AS("zunta_mp_measure", COMP_TR, LVL_E, "Error while start training\n");
     }
     pause_interval(interval);
     mp->txcs_count = 0;  // every measurement goes to record 0
     if (zunta_stop_training(command, mp, mp->right_mac, mp->left_mac, mp->left_ip) != 0) {
-      ZLOG(COMP_TR, LVL_E, "Error while stop training\n");
+      ZLOG_AS("zunta_mp_measure", COMP_TR, LVL_E, "Error while stop training\n");
     }
     if (zunta_stop_training(command, mp, mp->left_mac, mp->right_mac, mp->right_ip) != 0) {
-      ZLOG(COMP_TR, LVL_E, "Error while stop training\n");
+      ZLOG_AS("zunta_mp_measure", COMP_TR, LVL_E, "Error while stop training\n");
     }
     print_row(mp, *row_counter);
     ++*row_counter;  // counts visits, printed or not

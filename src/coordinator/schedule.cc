@@ -60,7 +60,7 @@ int zunta_check_training_time(int32_t* last_hour, int32_t* period_base_minute, c
 int zunta_training_time_decision(int32_t hour, int32_t minute, int32_t* last_hour,
                                  int32_t* period_base_minute, const options* opts, int32_t* training_state) {
   if (last_hour == nullptr || period_base_minute == nullptr || opts == nullptr || training_state == nullptr) {
-    ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for options\n");
+    ZLOG_AS("zunta_check_training_time", COMP_CORE, LVL_E, "NULL pointer exception for options\n");
     return -1;
   }
   if (*training_state == TRAINING_STATE_FIRST_PENDING) {

@@ -65,4 +65,14 @@ void dump_record(const char* format, ...) __attribute__((format(printf, 1, 2)));
       log_record(__func__, __LINE__, (comp_), (lvl_), __VA_ARGS__);   \
   } while (0)
 
+// The same for a line that a helper writes on behalf of a named procedure: the line names `proc_`,
+// not the helper, because error lines print the procedure's name and log readers match on it.
+// Every level-E line outside the procedure it belongs to (anonymous-namespace helpers, split-out
+// steps) uses this form, so extracting or renaming a helper cannot change what a line says.
+#define ZLOG_AS(proc_, comp_, lvl_, ...)                              \
+  do {                                                                \
+    if (g_log != nullptr && g_log->components[comp_].level >= (lvl_)) \
+      log_record((proc_), __LINE__, (comp_), (lvl_), __VA_ARGS__);    \
+  } while (0)
+
 #endif  // ZUNTA_CORE_LOG_H_

@@ -57,7 +57,8 @@ bool try_reverse(mesh_tables* coordinator, mesh_link* l, mesh_link* m, char (&ke
                  uint8_t* new_mesh_pair) {
   ZLOG(COMP_CORE, LVL_I, "Generate MeshPair key with MAC: %s and %s...\n", l->left_mac, m->left_mac);
   if (zunta_generate_mesh_pair_key(key, l->ath, m->ath) != 0) {
-    ZLOG(COMP_CORE, LVL_E, "Error during mesh pair key generation\n");
+    ZLOG_AS("zunta_meshpair_generation_table_create", COMP_CORE, LVL_E,
+            "Error during mesh pair key generation\n");
     return false;
   }
   ZLOG(COMP_CORE, LVL_I, "Add MeshPair key...\n");
@@ -93,7 +94,7 @@ void pair_with_neighbour(mesh_tables* coordinator, ath* a, ath* found, int32_t r
                          char (&key)[MESHKEY_TEXT_SIZE], uint8_t* new_mesh_pair) {
   ZLOG(COMP_CORE, LVL_I, "Generate MeshPair key...\n");
   if (zunta_generate_mesh_pair_key(key, a, found) != 0) {
-    ZLOG(COMP_CORE, LVL_E, "Error during mesh pair key generation\n");
+    ZLOG_AS("zunta_meshpair_generation_process", COMP_CORE, LVL_E, "Error during mesh pair key generation\n");
     return;
   }
   ZLOG(COMP_CORE, LVL_I, "Add MeshPair key...\n");

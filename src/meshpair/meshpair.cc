@@ -32,7 +32,7 @@ void assign_end(ath* node, ath** ref, char (&mac)[MAC_TEXT_SIZE], char (&ip)[IP_
 int check_new_pair(mesh_pair* mp, const ath* ath1, const ath* ath2, const char* key) {
   mp->txcs = static_cast<txcs_block*>(std::calloc(1, sizeof(txcs_block)));
   if (mp->txcs == nullptr) {
-    ZLOG(COMP_ATH, LVL_E, "Memory allocation error\n");
+    ZLOG_AS("zunta_mesh_pair_add", COMP_ATH, LVL_E, "Memory allocation error\n");
     return -1;
   }
   if (ath1->is_mesh_node != 1 || ath2->is_mesh_node != 1) {

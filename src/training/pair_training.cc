@@ -22,7 +22,8 @@ struct best_round {
 
 // Logs the round's sums and progress and keeps the round when its moving-average sum is strictly
 // the best so far (a tie keeps the earlier round). The patterns kept are those the agents
-// reported; a report outside 0..3 cannot be applied, so such a round never becomes the best.
+// reported, whatever their value: they mark the table and travel as fallbacks. Whether a pattern
+// can be applied is decided later, by the selection and application of the patterns.
 void evaluate_round(const mesh_pair* mp, int32_t round, best_round& best) {
   const txcs_record& rec = mp->txcs->rounds[round];
   const double exp_avg = static_cast<double>(rec.left_avg_bitrate + rec.right_avg_bitrate);
@@ -34,7 +35,6 @@ void evaluate_round(const mesh_pair* mp, int32_t round, best_round& best) {
   ZLOG(COMP_TR, LVL_I, "Training ongoing:   current_bitrate_exp_avg : %f\n", exp_avg);
   ZLOG(COMP_TR, LVL_I, "Training ongoing:   current_bitrate_mv_avg : %f\n", mv_avg);
   if (!(mv_avg > static_cast<double>(best.score))) return;
-  if (!zunta_pattern_valid(rec.left_pattern) || !zunta_pattern_valid(rec.right_pattern)) return;
   best.left = rec.left_pattern;
   best.right = rec.right_pattern;
   best.score = static_cast<float>(mv_avg);

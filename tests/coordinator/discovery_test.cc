@@ -19,6 +19,7 @@
 #include "coordinator/options.h"
 #include "core/clock.h"
 #include "core/fd.h"
+#include "core/runtime.h"
 #include "registry/ath.h"
 #include "support/capture_stdout.h"
 
@@ -82,7 +83,9 @@ class DiscoveryTest : public ::testing::Test {
     sa_list_for_each_entry(a, &c_.ath_list, ath, list) text += a->mac + std::to_string(a->eth_index) + " ";
     return text;
   }
-  void TearDown() override { zunta_flush_ath(&c_); }
+  void TearDown() override {
+    if (sock_.valid()) zunta_flush_ath(&c_);
+  }
 
   struct coordinator c_ = {};
   unique_fd sock_, responder_;
@@ -197,6 +200,17 @@ TEST_F(DiscoveryTest, SenderCheckDropsLinesNamingAnotherAddress) {
   for (std::size_t at = log.find(":W:"); at != std::string::npos; at = log.find(":W:", at + 1))
     ++warnings;
   EXPECT_EQ(2u, warnings) << log;
+}
+
+// The period is 60000 ms on the target (scaled here): a request exactly one period after the last
+// goes out, one millisecond earlier it does not; the clock may wrap in between.
+TEST_F(DiscoveryTest, RequestIsDueOnceTheWholePeriodHasPassed) {
+  EXPECT_TRUE(zunta_discovery_due(&c_, 5));  // nothing sent yet
+  c_.discovery_started = 1;
+  c_.last_broadcast_ms = 0xfffff000u;
+  const uint32_t period = zunta_scaled_ms(DISCOVERY_PERIOD_MS);
+  EXPECT_FALSE(zunta_discovery_due(&c_, c_.last_broadcast_ms + period - 1));
+  EXPECT_TRUE(zunta_discovery_due(&c_, c_.last_broadcast_ms + period));
 }
 
 }  // namespace

@@ -3,8 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdio>
 #include <regex>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "support/daemon_process.h"
 #include "support/test_env.h"
@@ -31,7 +35,7 @@ TEST(DaemonStartTest, NodeThatIsNotTheRootRefusesToRun) {
   std::string out = daemon.out();
   EXPECT_EQ(0u, out.find(BANNER)) << out;
   EXPECT_TRUE(
-      std::regex_search(out, std::regex(R"(ZUNTA: ERROR: \w+:\d+: Problem in the config file\nExit\n$)")))
+      std::regex_search(out, std::regex(R"(ZUNTA: ERROR: main:\d+: Problem in the config file\nExit\n$)")))
       << out;
 }
 
@@ -41,7 +45,8 @@ TEST(DaemonStartTest, MissingConfigurationEndsTheProgram) {
   daemon_process daemon({"unshare", "-n", "--", daemon_path()},
                         {"ZUNTA_CONF=" + test_dir() + "/absent.conf"});
   EXPECT_EQ(0, daemon.wait_exit(WAIT_MS));
-  EXPECT_TRUE(std::regex_search(daemon.out(), std::regex(R"(: Config file does not exist!\nExit\n$)")))
+  EXPECT_TRUE(std::regex_search(
+      daemon.out(), std::regex(R"(ZUNTA: ERROR: main:\d+: Config file does not exist!\nExit\n$)")))
       << daemon.out();
 }
 
@@ -62,6 +67,7 @@ TEST(DaemonStartTest, ManualPatternsWithoutTwoValuesAreRefused) {
     args.insert(args.begin(), daemon_path());
     daemon_process daemon(args, {"ZUNTA_CONF=" + path});
     EXPECT_EQ(0, daemon.wait_exit(WAIT_MS));
+    EXPECT_THAT(daemon.out(), HasSubstr("ZUNTA: ERROR: main:")) << daemon.out();
     EXPECT_THAT(daemon.out(), HasSubstr(": Option -2 needs two integer patterns: -2 <left> <right>\nExit\n"));
   }
 }
@@ -73,6 +79,72 @@ TEST(DaemonStartTest, RunningDaemonWritesEachLineWhenItIsLogged) {
   daemon_process daemon({daemon_path(), "-e"}, {"ZUNTA_CONF=" + path});
   EXPECT_TRUE(daemon.wait_for_output(BANNER, WAIT_MS)) << daemon.out();
   EXPECT_EQ(-1, daemon.wait_exit(0));
+}
+
+TEST(DaemonStartTest, ConfigurationRemovedWhileRunningIsReportedByTheCycle) {
+  // The record loaded at start-up stays in use, so the loopback address keeps applying.
+  std::string path = conf("removed.conf", "root=true\nbroadcast_address=127.0.2.254\nbroadcast_port=24624\n");
+  std::string status = test_dir() + "/removed-sa.log";
+  daemon_process daemon({daemon_path()}, {"ZUNTA_CONF=" + path, "ZUNTA_SNAPSHOT=" + status});
+  // The first status file is written once start-up has read the configuration.
+  for (int waited = 0; read_file(status).empty() && waited < WAIT_MS; waited += 10)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  ASSERT_EQ(0, std::remove(path.c_str()));
+  EXPECT_TRUE(daemon.wait_for_output("Error loading the configuration file\n", WAIT_MS)) << daemon.out();
+  EXPECT_TRUE(std::regex_search(
+      daemon.out(), std::regex(R"(\nZUNTA: ERROR: main:\d+: Error loading the configuration file\n)")))
+      << daemon.out();
+  EXPECT_EQ(-1, daemon.wait_exit(0));
+}
+
+// Only "-3" with exactly one value takes that value; a value that is not a positive number falls
+// back to 6 with a warning.
+TEST(DaemonStartTest, MeasurementIntervalFromTheCommandLine) {
+  std::string path = conf("measure.conf", "root=true\nbroadcast_address=127.0.2.254\nbroadcast_port=24625\n");
+  const struct {
+    std::vector<std::string> args;
+    const char* interval;
+    bool warned;
+  } cases[] = {{{"-3"}, "6", false},
+               {{"-3", "10", "20"}, "6", false},
+               {{"-3", "0"}, "0", true},
+               {{"-3", "-4"}, "-4", true},
+               {{"-3", "ten"}, "0", true}};
+  for (const auto& c : cases) {
+    std::vector<std::string> args = c.args;
+    SCOPED_TRACE(args.back());
+    args.insert(args.begin(), daemon_path());
+    daemon_process daemon(args, {"ZUNTA_CONF=" + path});
+    std::string measuring =
+        std::string("zunta-coord: Measuring bitrate (interval = ") + c.interval + " sec)...\n";
+    std::string warning =
+        std::string("Invalid measurement interval ") + c.interval + " sec. Set to default (6 sec)\n";
+    EXPECT_TRUE(daemon.wait_for_output(c.warned ? warning : measuring, WAIT_MS)) << daemon.out();
+    daemon.terminate();
+    EXPECT_THAT(daemon.out(), HasSubstr(measuring));
+    EXPECT_EQ(c.warned, daemon.out().find("Invalid measurement interval") != std::string::npos)
+        << daemon.out();
+  }
+}
+
+// Both answer on standard output without the banner, the configuration or the network.
+TEST(DaemonStartTest, VersionAndHelpAnswerAndExit) {
+  std::string path = conf("answers.conf", "root=true\nbroadcast_address=127.0.2.254\nbroadcast_port=24626\n");
+  std::string status = test_dir() + "/answers-sa.log";
+  std::vector<std::string> env = {"ZUNTA_CONF=" + path, "ZUNTA_SNAPSHOT=" + status};
+  daemon_process version({daemon_path(), "--version"}, env);
+  EXPECT_EQ(0, version.wait_exit(WAIT_MS));
+  EXPECT_EQ("zunta-coord 2.11 (B251017.0000)\n", version.out());
+  daemon_process help({daemon_path(), "--help"}, env);
+  EXPECT_EQ(0, help.wait_exit(WAIT_MS));
+  std::string out = help.out();
+  for (const char* line : {"\n  -e ", "\n  -0 ", "\n  -1 ", "\n  -2 LEFT RIGHT ", "\n  -3 [SECONDS] ",
+                           "\n  --version ", "\n  --help "})
+    EXPECT_THAT(out, HasSubstr(line));
+  EXPECT_THAT(out, HasSubstr("\nConfiguration file: " + path + "\nStatus file: " + status + "\n"));
+  EXPECT_EQ(std::string::npos, out.find("Zunta Smart Antenna")) << out;
+  EXPECT_EQ("", version.err() + help.err());
+  EXPECT_TRUE(read_file(status).empty());
 }
 
 }  // namespace

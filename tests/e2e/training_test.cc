@@ -3,7 +3,9 @@
 // that stops answering in the middle of a training.
 #include <gmock/gmock.h>
 
+#include <cstdio>
 #include <functional>
+#include <regex>
 
 #include "e2e/e2e_fixture.h"
 
@@ -207,11 +209,33 @@ TEST_F(TrainingScenario, MeasurementModeReportsRowsAndSetsNoPattern) {
   ASSERT_TRUE(
       daemon_->wait_until([&](const std::string& out) { return count_of(out, row) >= 2; }, E2E_WAIT_MS))
       << daemon_->out();
+  // A node that stops listening: the failed start is reported under the measurement's own name.
+  std::string reply;
+  ASSERT_EQ(0, sim_.control("fault b refuse", &reply)) << reply;
+  EXPECT_TRUE(daemon_->wait_for_output("Error while start training\n", E2E_WAIT_MS)) << daemon_->out();
   daemon_->terminate();
   std::string out = daemon_->out();
   EXPECT_THAT(out, HasSubstr("zunta-coord: Measuring bitrate (interval = 1 sec)...\nzunta-coord:   i, mac_L, "
                              "antenna-index_L,  bitrate_L, mac_R, antenna-index_R,  bitrate_R\n"));
+  EXPECT_TRUE(std::regex_search(
+      out, std::regex(R"(\nZUNTA: ERROR: zunta_mp_measure:\d+: Error while start training\n)")))
+      << out;
   EXPECT_TRUE(commands({2, 10, 11}).empty());
+}
+
+TEST_F(TrainingScenario, NodeThatAnswersUnderANewAddressKeepsItsReceivePattern) {
+  start_mesh(15, chain());
+  start_daemon({});
+  ASSERT_TRUE(daemon_->wait_for_output("zunta-coord: Training ends\n", E2E_WAIT_MS)) << daemon_->out();
+  std::string reply;
+  ASSERT_EQ(0, sim_.control("node a " + ip(21) + " " + A, &reply)) << reply;
+  // The next discovery registers a under its new address and fetches every node's neighbours;
+  // the status files written after that show a's current record, found by its MAC.
+  for (const char* node : {"a", "b", "c"})
+    ASSERT_TRUE(wait_commands(node, 1, 2));
+  std::remove(snapshot().c_str());
+  ASSERT_TRUE(wait_snapshot([](const std::string& s) { return s.find("\"key\"") != std::string::npos; }));
+  EXPECT_THAT(read_file(snapshot()), HasSubstr(node_block(A, 1, 1, 1)));
 }
 
 TEST_F(TrainingScenario, NodeThatStopsAnsweringDoesNotStopTheTraining) {
