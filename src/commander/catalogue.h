@@ -10,6 +10,10 @@
 
 // Each returns 0 when the command went through, -1 otherwise.
 
+// Any command whose answer text is not wanted, with a fresh answer buffer.
+int zunta_send_without_answer(char (&buffer)[COMMAND_SIZE], int32_t index, int32_t value, const char* arg1,
+                              const char* arg2, const char* ip);
+
 int zunta_set_pattern(char (&buffer)[COMMAND_SIZE], const char* ip, const char* mac, int32_t pattern);  // 2
 // Command 2 with "1.<m>.0.<fallback>" in arg1.
 int zunta_set_pattern_with_fallback(char (&buffer)[COMMAND_SIZE], const char* ip, const char* mac,

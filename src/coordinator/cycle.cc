@@ -68,6 +68,7 @@ void reload_options(cycle_state* s) {
     ZLOG_AS("main", COMP_CORE, LVL_E, "Error loading the configuration file\n");
     return;
   }
+  coordinator->discovery_check_sender = s->opts->discovery_check_sender;
   in_addr_t address = inet_addr(s->opts->broadcast_address);
   if (coordinator->broadcast_addr.sin_addr.s_addr == address) {
     ZLOG(COMP_CORE, LVL_I, "Broadcast address not changed: %s\n", s->opts->broadcast_address);
