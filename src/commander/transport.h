@@ -1,5 +1,7 @@
 // The node agent command channel: one 1024-byte command per TCP connection, answered by text
-// lines and the marker "ack" or "nack", and the repetition of refused or silent exchanges.
+// lines and the marker "ack" or "nack", and the repetition of refused or silent exchanges. Every
+// exchange is a non-blocking state machine, so a batch of commands to different agents runs at once
+// on the one thread.
 #ifndef ZUNTA_COMMANDER_TRANSPORT_H_
 #define ZUNTA_COMMANDER_TRANSPORT_H_
 
@@ -40,7 +42,9 @@ int zunta_make_command(char (&buffer)[COMMAND_SIZE], int32_t index, int32_t valu
                        const char* arg2);
 
 // One exchange with the agent at the dotted IPv4 text ip: sends all 1024 bytes of buffer on a
-// fresh connection and reads until "ack" or "nack". Answer text read before the marker is
+// fresh connection and reads until "ack" or "nack". The connection and every read wait at most
+// 3 s; the answer and its marker must arrive within 6 s of the command, however slowly the bytes
+// come. Answer text read before the marker is
 // appended to answer (kept NUL-terminated; what does not fit is dropped).
 // Returns 0 ack, 1 nack or nothing received, 2 text without a marker, -1 local failure (no
 // connection attempt is made for an ip that is not dotted IPv4).
@@ -52,5 +56,45 @@ int zunta_send_command(char (&buffer)[COMMAND_SIZE], char (&answer)[ANSWER_SIZE]
 // cannot be built or an exchange fails locally (the first one without any repetition).
 int zunta_make_and_send_command(char (&buffer)[COMMAND_SIZE], int32_t index, int32_t value, const char* arg1,
                                 const char* arg2, char (&answer)[ANSWER_SIZE], const char* ip);
+
+// Appends the text of one read of an attempt to answer (kept NUL-terminated, excess dropped). The
+// first read of every attempt after the first (first_of_retry) drops the unterminated tail left by
+// the previous attempt, so a cut line is never glued to the next attempt's first line.
+void zunta_answer_append(char (&answer)[ANSWER_SIZE], const char* text, std::size_t len, bool first_of_retry);
+
+// Exchange state of one job, private to the transport; the batch sets it up itself.
+struct zunta_exchange_state {
+  int fd;
+  int phase;
+  int marker;
+  int counter;           // repetitions made so far
+  int last;              // result of the last exchange
+  bool retrying;         // the exchange under way is a repetition
+  bool text_seen;        // this attempt has appended text
+  bool single;           // one exchange of a framed buffer, no repetition
+  std::size_t sent;      // bytes of the command sent so far
+  int64_t wake_us;       // monotonic deadline of the current wait
+  int64_t answer_by_us;  // monotonic deadline of the whole answer
+};
+
+// One command run together with others by zunta_make_and_send_commands. The caller fills index,
+// value, arg1, arg2 and ip (the texts must outlive the call) and clears answer; the batch frames the
+// command into buffer and leaves the accumulated answer text and the result.
+struct zunta_command_job {
+  int32_t index;
+  int32_t value;
+  const char* arg1;
+  const char* arg2;
+  const char* ip;
+  char buffer[COMMAND_SIZE];
+  char answer[ANSWER_SIZE];
+  int result;  // as zunta_make_and_send_command: 0, 1 or -1
+  zunta_exchange_state state;
+};
+
+// Runs zunta_make_and_send_command for every job at once: each job's exchanges, time-outs,
+// repetitions (with their 1-s pauses) and log lines are as if it ran alone; no job waits for
+// another. Returns when every job has its result.
+void zunta_make_and_send_commands(zunta_command_job* jobs, std::size_t count);
 
 #endif  // ZUNTA_COMMANDER_TRANSPORT_H_

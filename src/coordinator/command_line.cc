@@ -8,6 +8,7 @@
 #include "coordinator/coordinator.h"
 #include "coordinator/cycle_state.h"
 #include "coordinator/measure.h"
+#include "coordinator/options.h"
 #include "coordinator/snapshot.h"
 #include "core/log.h"
 #include "meshpair/meshpair.h"
@@ -39,10 +40,9 @@ cycle_next set_default_patterns(cycle_state* /*s*/) {
   return cycle_next::exit_path;
 }
 
-// Trains every mesh pair once, whatever its trained flag, applies the result and exits.
-cycle_next train_once(cycle_state* s) {
-  ZLOG(COMP_CORE, LVL_U, "Training triggered by argument\n");
-  s->rx_update = 0;
+// Every mesh pair, whatever its trained flag, one after the other; each trained one is kept as a
+// trained pair.
+void train_every_pair(cycle_state* s) {
   sa_list_for_each_entry(mp, &coordinator->mesh_pair_list, mesh_pair, list) {
     ZLOG(COMP_CORE, LVL_I, "************************MeshPair %s starts training************************\n",
          mp->meshkey);
@@ -56,6 +56,13 @@ cycle_next train_once(cycle_state* s) {
     // copy, whose patterns would come from an empty block.
     if (mp->trained == 1) zunta_trained_mesh_pair_add(coordinator, mp);
   }
+}
+
+// Trains every mesh pair once, whatever its trained flag, applies the result and exits.
+cycle_next train_once(cycle_state* s) {
+  ZLOG(COMP_CORE, LVL_U, "Training triggered by argument\n");
+  s->rx_update = 0;
+  if (!s->opts->parallel_training || !zunta_train_in_groups(s, true)) train_every_pair(s);
   zunta_select_and_apply_patterns(s);
   zunta_snapshot_info(coordinator, s->opts);
   ZLOG(COMP_CORE, LVL_U, "Training ends\n");

@@ -86,6 +86,7 @@ int zunta_coordinator_init(struct coordinator* coordinator, const options* opts)
 
   coordinator->last_broadcast_ms = static_cast<uint32_t>(uptime_ms());
   coordinator->discovery_started = 0;
+  coordinator->discovery_check_sender = opts->discovery_check_sender;
   coordinator->last_hour = 25;  // no clock hour has it
   coordinator->period_base_minute = 0;
   return 0;

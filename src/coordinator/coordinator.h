@@ -19,6 +19,7 @@ struct coordinator : mesh_tables {
   sockaddr_in broadcast_addr;
   sockaddr_in sender_addr;  // source of the last discovery answer
   uint8_t discovery_started;
+  uint8_t discovery_check_sender;  // from the options: answers must name the address they came from
   uint32_t last_broadcast_ms;
   char last_training[TIME_TEXT_SIZE];  // "%H:%M:%S" of the last training start; empty before
   int32_t last_hour;                   // hour seen by the previous schedule check; 25 at start-up

@@ -68,6 +68,7 @@ void reload_options(cycle_state* s) {
     ZLOG_AS("main", COMP_CORE, LVL_E, "Error loading the configuration file\n");
     return;
   }
+  coordinator->discovery_check_sender = s->opts->discovery_check_sender;
   in_addr_t address = inet_addr(s->opts->broadcast_address);
   if (coordinator->broadcast_addr.sin_addr.s_addr == address) {
     ZLOG(COMP_CORE, LVL_I, "Broadcast address not changed: %s\n", s->opts->broadcast_address);
@@ -171,11 +172,23 @@ void check_topology(cycle_state* s) {
   }
 }
 
-// Trains every pair not trained yet, keeps each as a trained pair, then selects and applies the
-// patterns of all trained pairs, those of earlier passes included.
-void training_pass(cycle_state* s) {
-  ZLOG(COMP_CORE, LVL_U, "Training triggered for new mesh pair\n");
-  s->rx_update = 0;
+// The operator line of a group: its number and its pairs' keys.
+void log_group(int32_t number, int32_t groups, mesh_pair* const* members, int32_t count) {
+  const std::size_t size = static_cast<std::size_t>(count) * MESHKEY_TEXT_SIZE + 1;
+  std::unique_ptr<char[], free_deleter> keys(static_cast<char*>(std::calloc(size, 1)));
+  if (!keys) {
+    ZLOG(COMP_CORE, LVL_U, "Training group %d of %d: %d pairs\n", number, groups, count);
+    return;
+  }
+  for (int32_t i = 0; i < count; ++i) {
+    if (i > 0) zunta_append_text(keys.get(), size, " ", 1);
+    zunta_append_text(keys.get(), size, members[i]->meshkey, MESHKEY_TEXT_SIZE);
+  }
+  ZLOG(COMP_CORE, LVL_U, "Training group %d of %d: %s\n", number, groups, keys.get());
+}
+
+// Trains every pair not trained yet, one after the other, and keeps each as a trained pair.
+void train_one_at_a_time(cycle_state* s) {
   sa_list_for_each_entry(mp, &coordinator->mesh_pair_list, mesh_pair, list) {
     if (mp->trained == 1) continue;
     ZLOG(COMP_CORE, LVL_I, "MeshPair %s starts training\n", mp->meshkey);
@@ -188,6 +201,14 @@ void training_pass(cycle_state* s) {
     // copy, whose patterns would come from an empty block.
     if (mp->trained == 1) zunta_trained_mesh_pair_add(coordinator, mp);
   }
+}
+
+// Trains every pair not trained yet, keeps each as a trained pair, then selects and applies the
+// patterns of all trained pairs, those of earlier passes included.
+void training_pass(cycle_state* s) {
+  ZLOG(COMP_CORE, LVL_U, "Training triggered for new mesh pair\n");
+  s->rx_update = 0;
+  if (!s->opts->parallel_training || !zunta_train_in_groups(s, false)) train_one_at_a_time(s);
   zunta_select_and_apply_patterns(s);
   ZLOG(COMP_CORE, LVL_U, "Training ends\n");
   if (s->training_state == TRAINING_STATE_FIRST_PENDING) s->training_state = TRAINING_STATE_FIRST_DONE;
@@ -242,6 +263,52 @@ int exit_path(cycle_state* s) {
 }
 
 }  // namespace
+
+bool zunta_train_in_groups(cycle_state* s, bool every) {
+  int32_t count = 0;
+  sa_list_for_each_entry(mp, &coordinator->mesh_pair_list, mesh_pair, list) {
+    if (every || mp->trained != 1) ++count;
+  }
+  if (count == 0) return true;
+  std::unique_ptr<mesh_pair*[], free_deleter> pairs(
+      static_cast<mesh_pair**>(std::calloc(count, sizeof(mesh_pair*))));
+  std::unique_ptr<mesh_pair*[], free_deleter> members(
+      static_cast<mesh_pair**>(std::calloc(count, sizeof(mesh_pair*))));
+  std::unique_ptr<int32_t[], free_deleter> group_of(
+      static_cast<int32_t*>(std::calloc(count, sizeof(int32_t))));
+  if (!pairs || !members || !group_of) {
+    ZLOG(COMP_CORE, LVL_E, "Memory allocation error for the training groups: pairs train one by one\n");
+    return false;
+  }
+  int32_t n = 0;
+  sa_list_for_each_entry(mp, &coordinator->mesh_pair_list, mesh_pair, list) {
+    if (every || mp->trained != 1) pairs[n++] = mp;
+  }
+  const int32_t groups = zunta_group_mesh_pairs(coordinator, pairs.get(), count, group_of.get());
+  if (groups < 0) return false;
+  for (int32_t g = 0; g < groups; ++g) {
+    int32_t size = 0;
+    for (int32_t i = 0; i < count; ++i) {
+      if (group_of[i] == g) members[size++] = pairs[i];
+    }
+    log_group(g + 1, groups, members.get(), size);
+    for (int32_t i = 0; i < size; ++i)
+      ZLOG(COMP_CORE, LVL_I, "MeshPair %s starts training\n", members[i]->meshkey);
+    print_systime(coordinator->last_training);
+    zunta_mp_group_training(members.get(), size, command);
+    for (int32_t i = 0; i < size; ++i) {
+      members[i]->txcs_count = 0;
+      ZLOG(COMP_CORE, LVL_I, "MeshPair %s ends training\n", members[i]->meshkey);
+    }
+  }
+  // The trained copies go in as one pair after the other would put them, so the selections, the
+  // application and the status file see the same table.
+  for (int32_t i = 0; i < count; ++i) {
+    s->rx_update = 1;
+    if (pairs[i]->trained == 1) zunta_trained_mesh_pair_add(coordinator, pairs[i]);
+  }
+  return true;
+}
 
 void zunta_apply_trained_patterns() {
   sa_list_for_each_entry(tp, &coordinator->trained_mesh_pair_list, trained_mesh_pair, list) {

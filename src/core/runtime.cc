@@ -11,6 +11,8 @@
 
 namespace {
 
+constexpr double MAX_TIME_SCALE = 1000.0;
+
 struct runtime {
   char conf_path[RUNTIME_PATH_SIZE];
   char snapshot_path[RUNTIME_PATH_SIZE];
@@ -54,9 +56,13 @@ bool take_scale(double* scale, char* error, std::size_t error_size) {
   char* end = nullptr;
   errno = 0;
   double parsed = std::strtod(value, &end);
-  if (errno != 0 || end == value || *end != '\0' || !std::isfinite(parsed) || parsed <= 0.0) {
-    zunta_format_buffer(error, error_size, "ZUNTA_TIME_SCALE must be a positive decimal number, got '%s'",
-                        value);
+  // The bound keeps every scaled wait, even of a measurement interval of 2^31 s, inside 64-bit
+  // microseconds, and the scaled 60-s discovery period inside a signed 32-bit millisecond count.
+  if (errno != 0 || end == value || *end != '\0' || !std::isfinite(parsed) || parsed <= 0.0 ||
+      parsed > MAX_TIME_SCALE) {
+    zunta_format_buffer(error, error_size,
+                        "ZUNTA_TIME_SCALE must be a positive decimal number up to %d, got '%s'",
+                        static_cast<int>(MAX_TIME_SCALE), value);
     return false;
   }
   *scale = parsed;

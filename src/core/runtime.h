@@ -20,7 +20,7 @@ constexpr uint16_t AGENT_PORT = 12458;
 constexpr std::size_t RUNTIME_PATH_SIZE = 256;
 
 // Reads the overrides. Returns 0, or -1 with a one-line reason (no line feed) in `error` when a
-// value is invalid: a time scale that is not a positive number, a port outside 1..65535, an
+// value is invalid: a time scale that is not a positive number up to 1000, a port outside 1..65535, an
 // empty or over-long path. Nothing is changed on -1.
 int zunta_runtime_init(char* error, std::size_t error_size);
 

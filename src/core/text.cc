@@ -1,7 +1,9 @@
 // Bounded formatting and appending of NUL-terminated texts.
 #include "core/text.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 
 bool zunta_vformat_text(char* dst, std::size_t size, const char* format, va_list args) {
   if (size == 0) return false;
@@ -29,4 +31,15 @@ bool zunta_append_text(char* dst, std::size_t size, const char* src, std::size_t
     dst[used++] = src[i];
   dst[used] = '\0';
   return i == len || src[i] == '\0';
+}
+
+bool zunta_scan_int32(const char* text, int base, int32_t min, int32_t max, int32_t* out, const char** rest) {
+  char* end = nullptr;
+  errno = 0;
+  // long long: at least 64 bits everywhere, so every int32 range check below is exact.
+  long long value = std::strtoll(text, &end, base);
+  if (end == text || errno == ERANGE || value < min || value > max) return false;
+  *out = static_cast<int32_t>(value);
+  if (rest != nullptr) *rest = end;
+  return true;
 }

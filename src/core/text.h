@@ -4,6 +4,7 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 
 constexpr std::size_t MAC_TEXT_SIZE = 18;      // "00:00:00:00:00:00" and the NUL
@@ -29,6 +30,25 @@ bool zunta_format_buffer(char* dst, std::size_t size, const char* format, ...)
 // Appends at most `len` bytes of src to the NUL-terminated text in dst (capacity `size`, NUL
 // included), stopping at a NUL in src. What does not fit is dropped. Returns false when cut.
 bool zunta_append_text(char* dst, std::size_t size, const char* src, std::size_t len);
+
+// Reads an integer where scanf's %d (base 10) or %x (base 16) would: optional leading white space
+// and sign, then digits (base 16 also takes a "0x" prefix). Unlike scanf, a value outside
+// [min, max] is refused instead of overflowing. On success stores the value in *out and, when rest
+// is not null, the first character after the digits in *rest. False when no digits follow or the
+// value is out of range; *out and *rest are then unchanged.
+bool zunta_scan_int32(const char* text, int base, int32_t min, int32_t max, int32_t* out, const char** rest);
+
+// Reads a text field as scanf's "%<N-1>[^,]," does: 1 to N-1 characters before a comma, then the
+// comma. Returns the text after the comma, or nullptr (dst then holds nothing meaningful).
+template <std::size_t N>
+const char* zunta_scan_text_field(const char* text, char (&dst)[N]) {
+  static_assert(N > 1, "a field needs room for one character and the NUL");
+  std::size_t len = std::strcspn(text, ",");
+  if (len == 0 || len >= N || text[len] != ',') return nullptr;
+  std::memcpy(dst, text, len);
+  dst[len] = '\0';
+  return text + len + 1;
+}
 
 // Texts compared over the full width of their buffers, exactly (case-sensitive).
 inline bool zunta_text_equal(const char* a, const char* b, std::size_t width) {

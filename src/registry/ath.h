@@ -93,6 +93,9 @@ int zunta_share_ath_mac(node_tables* coordinator, char (&buffer)[COMMAND_SIZE]);
 int zunta_send_ath_mac(char (&buffer)[COMMAND_SIZE], ath* a, const char* mac);  // 0
 // Command 1: the agent's neighbour lines become the ath's neighbour records (see mesh_list.cc).
 int zunta_get_mesh_list(char (&buffer)[COMMAND_SIZE], ath* a);
+// The parsing half of command 1: every complete neighbour line of the NUL-terminated answer
+// (changed in place) becomes a neighbour of a. -1 when a neighbour cannot be allocated.
+int zunta_parse_mesh_list(ath* a, char* answer);
 int zunta_start_mesh_optimization(char (&buffer)[COMMAND_SIZE], ath* a, const char* mac);  // 6
 // Command 9; the answer is left in the caller's answer buffer (cleared by the caller).
 int zunta_get_module_client_list(char (&buffer)[COMMAND_SIZE], ath* a, char (&answer)[ANSWER_SIZE]);

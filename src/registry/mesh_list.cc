@@ -2,7 +2,7 @@
 // records of its ath.
 #include "registry/ath.h"
 
-#include <cstdio>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -14,14 +14,16 @@ namespace {
 
 constexpr int32_t RADIO_IGNORED = -1;  // the agent marks a line to be ignored with radio index -1
 
-// Scans one answer line into `scanned`. False when the line names no neighbour: fewer than three
-// fields (a MAC longer than 17 characters stops the scan after its 17th) or radio index -1.
+// Scans one answer line as "%17[^,],%d,%d" would into `scanned`. False when the line names no
+// neighbour: fewer than three fields (a MAC longer than 17 characters ends the scan), a number that
+// does not fit its field, or radio index -1.
 bool scan_neighbour_line(const char* line, neighbour& scanned) {
   scanned = neighbour{};
-  scanned.radioidx = RADIO_IGNORED;
-  scanned.pattern = -1;
-  int fields = std::sscanf(line, "%17[^,],%d,%d", scanned.mac, &scanned.radioidx, &scanned.pattern);
-  return fields == 3 && scanned.radioidx != RADIO_IGNORED;
+  const char* p = zunta_scan_text_field(line, scanned.mac);
+  if (p == nullptr || !zunta_scan_int32(p, 10, INT32_MIN, INT32_MAX, &scanned.radioidx, &p) || *p++ != ',')
+    return false;
+  return zunta_scan_int32(p, 10, INT32_MIN, INT32_MAX, &scanned.pattern, nullptr) &&
+         scanned.radioidx != RADIO_IGNORED;
 }
 
 }  // namespace
@@ -36,6 +38,10 @@ int zunta_get_mesh_list(char (&buffer)[COMMAND_SIZE], ath* a) {
       0) {
     return -1;
   }
+  return zunta_parse_mesh_list(a, answer);
+}
+
+int zunta_parse_mesh_list(ath* a, char* answer) {
   // Text after the last line feed is not a line.
   for (char* line = answer; char* end = std::strchr(line, '\n'); line = end + 1) {
     *end = '\0';
@@ -44,7 +50,7 @@ int zunta_get_mesh_list(char (&buffer)[COMMAND_SIZE], ath* a) {
     if (!scan_neighbour_line(line, scanned)) continue;
     auto* n = static_cast<neighbour*>(std::calloc(1, sizeof(neighbour)));
     if (n == nullptr) {
-      ZLOG(COMP_CORE, LVL_E, "Memory allocation error for neighbour\n");
+      ZLOG_AS("zunta_get_mesh_list", COMP_CORE, LVL_E, "Memory allocation error for neighbour\n");
       return -1;
     }
     *n = scanned;

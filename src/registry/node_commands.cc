@@ -2,27 +2,16 @@
 // mesh optimisation (6) and its client list (9). Command 1 lives in mesh_list.cc.
 #include <cstdint>
 
-#include "commander/transport.h"
+#include "commander/catalogue.h"
 #include "core/log.h"
 #include "registry/ath.h"
-
-namespace {
-
-// Sends one command with a fresh answer buffer; 0 when it went through, else -1.
-int send_simple(char (&buffer)[COMMAND_SIZE], int32_t index, int32_t value, const char* arg1,
-                const char* arg2, const char* ip) {
-  char answer[ANSWER_SIZE] = {};
-  return zunta_make_and_send_command(buffer, index, value, arg1, arg2, answer, ip) == 0 ? 0 : -1;
-}
-
-}  // namespace
 
 int zunta_send_ath_mac(char (&buffer)[COMMAND_SIZE], ath* a, const char* mac) {
   if (a == nullptr) {
     ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for ath\n");
     return -1;
   }
-  return send_simple(buffer, CMD_SEND_ATH_MAC, -1, PLACEHOLDER_IP, mac, a->ip);
+  return zunta_send_without_answer(buffer, CMD_SEND_ATH_MAC, -1, PLACEHOLDER_IP, mac, a->ip);
 }
 
 int zunta_start_mesh_optimization(char (&buffer)[COMMAND_SIZE], ath* a, const char* mac) {
@@ -30,7 +19,7 @@ int zunta_start_mesh_optimization(char (&buffer)[COMMAND_SIZE], ath* a, const ch
     ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for ath\n");
     return -1;
   }
-  return send_simple(buffer, CMD_START_MESH_OPTIMIZATION, -1, PLACEHOLDER_IP, mac, a->ip);
+  return zunta_send_without_answer(buffer, CMD_START_MESH_OPTIMIZATION, -1, PLACEHOLDER_IP, mac, a->ip);
 }
 
 int zunta_get_module_client_list(char (&buffer)[COMMAND_SIZE], ath* a, char (&answer)[ANSWER_SIZE]) {

@@ -9,18 +9,12 @@
 #include "core/log.h"
 #include "core/runtime.h"
 #include "meshpair/meshpair.h"
+#include "training/pair_round.h"
 #include "training/training.h"
 
 const std::array<int32_t, PATTERN_COUNT> pattern_indeces = {0, 1, 2, 3};
 
 namespace {
-
-// The best round seen so far in one run; its patterns go to the agents as fallbacks.
-struct best_round {
-  float score;
-  int32_t left;
-  int32_t right;
-};
 
 // Logs the round's sums and progress and keeps the round when its moving-average sum is strictly
 // the best so far (a tie keeps the earlier round). The patterns kept are those the agents
@@ -45,32 +39,53 @@ void evaluate_round(const mesh_pair* mp, int32_t round, best_round& best) {
 
 }  // namespace
 
-void zunta_mp_training(mesh_pair* mp, char (&buffer)[COMMAND_SIZE]) {
+bool zunta_mp_training_begins(mesh_pair* mp) {
   if (mp == nullptr) {
-    ZLOG(COMP_TR, LVL_E, "NULL pointer exception for Mesh Pair\n");
-    return;
+    ZLOG_AS("zunta_mp_training", COMP_TR, LVL_E, "NULL pointer exception for Mesh Pair\n");
+    return false;
   }
   if (mp->txcs == nullptr) {
-    ZLOG(COMP_TR, LVL_E, "NULL pointer exception for Mesh Pair TXCS\n");
-    return;
+    ZLOG_AS("zunta_mp_training", COMP_TR, LVL_E, "NULL pointer exception for Mesh Pair TXCS\n");
+    return false;
   }
   // Round r fills record txcs_count + r: a run that does not start at record 0 would write past the
   // sixteenth record, so it is refused before anything is sent.
   if (mp->txcs_count != 0) {
-    ZLOG(COMP_TR, LVL_E, "Training of Mesh Pair %s-%s refused: it starts at round %d, not 0\n", mp->left_mac,
-         mp->right_mac, mp->txcs_count);
-    return;
+    ZLOG_AS("zunta_mp_training", COMP_TR, LVL_E,
+            "Training of Mesh Pair %s-%s refused: it starts at round %d, not 0\n", mp->left_mac,
+            mp->right_mac, mp->txcs_count);
+    return false;
   }
   ZLOG(COMP_TR, LVL_U, "Training Mesh Pair: %s-%s\n", mp->left_mac, mp->right_mac);
   ZLOG(COMP_TR, LVL_D, "Left mac: %s - ip: %s\n", mp->left_mac, mp->left_ip);
   ZLOG(COMP_TR, LVL_D, "Right mac: %s - ip: %s\n", mp->right_mac, mp->right_ip);
+  return true;
+}
 
-  best_round best = {-1.0f, 0, 0};
+void zunta_mp_training_round_begins(const mesh_pair* mp, int32_t left, int32_t right) {
+  ZLOG(COMP_TR, LVL_D,
+       "Training ongoing: ip-left: %s - ip-right: %s - left-pattern: %d - right-pattern: %d\n", mp->left_ip,
+       mp->right_ip, pattern_indeces[left], pattern_indeces[right]);
+}
+
+void zunta_mp_training_round_ends(mesh_pair* mp, best_round& best) {
+  evaluate_round(mp, mp->txcs_count, best);
+  ++mp->txcs_count;
+}
+
+void zunta_mp_training_ends(mesh_pair* mp, const best_round& best) {
+  mp->trained = 1;
+  zunta_dump_training_table(mp, best.left, best.right);
+  ZLOG(COMP_TR, LVL_D, "Training completed for Mesh Pair -> ip left: %s - ip right: %s\n", mp->left_ip,
+       mp->right_ip);
+}
+
+void zunta_mp_training(mesh_pair* mp, char (&buffer)[COMMAND_SIZE]) {
+  if (!zunta_mp_training_begins(mp)) return;
+  best_round best = NO_BEST_ROUND;
   for (int32_t right = 0; right < PATTERN_COUNT; ++right) {
     for (int32_t left = 0; left < PATTERN_COUNT; ++left) {
-      ZLOG(COMP_TR, LVL_D,
-           "Training ongoing: ip-left: %s - ip-right: %s - left-pattern: %d - right-pattern: %d\n",
-           mp->left_ip, mp->right_ip, pattern_indeces[left], pattern_indeces[right]);
+      zunta_mp_training_round_begins(mp, left, right);
       // Patterns, dumps and measurements on both ends, then both ends' results. The errors are
       // logged here, so their lines name this procedure.
       if (zunta_set_pattern_with_fallback(buffer, mp->left_ip, mp->right_mac, pattern_indeces[left],
@@ -92,14 +107,10 @@ void zunta_mp_training(mesh_pair* mp, char (&buffer)[COMMAND_SIZE]) {
         ZLOG(COMP_TR, LVL_E, "Error while stop training\n");
       if (zunta_stop_training(buffer, mp, mp->left_mac, mp->right_mac, mp->right_ip) != 0)
         ZLOG(COMP_TR, LVL_E, "Error while stop training\n");
-      evaluate_round(mp, mp->txcs_count, best);
-      ++mp->txcs_count;
+      zunta_mp_training_round_ends(mp, best);
     }
   }
-  mp->trained = 1;
-  zunta_dump_training_table(mp, best.left, best.right);
-  ZLOG(COMP_TR, LVL_D, "Training completed for Mesh Pair -> ip left: %s - ip right: %s\n", mp->left_ip,
-       mp->right_ip);
+  zunta_mp_training_ends(mp, best);
 }
 
 void zunta_dump_training_table(mesh_pair* mp, int32_t left_best, int32_t right_best) {

@@ -7,10 +7,12 @@
 #include <cstdint>
 
 #include "commander/catalogue.h"
+#include "core/text.h"
 
 struct ath;
 struct mesh_pair;
 struct mesh_tables;
+struct node_tables;
 struct trained_mesh_pair;
 
 constexpr int32_t PATTERN_COUNT = 4;
@@ -39,9 +41,43 @@ void zunta_dump_training_table(mesh_pair* mp, int32_t left_best, int32_t right_b
 // txcs_count (own_mac names the reporting node). Returns -1 only when the pair or its block is missing.
 int zunta_stop_training(char (&buffer)[COMMAND_SIZE], mesh_pair* mp, const char* peer_mac,
                         const char* own_mac, const char* ip);
+// The same in two halves, for a batch of exchanges: command 5 to the node at ip as a job, and the
+// recording of its answer once the job has its result (changes the answer in place).
+void zunta_job_stop_training(zunta_command_job* job, const char* ip);
+int zunta_record_stop_training(mesh_pair* mp, const char* peer_mac, const char* own_mac, const char* ip,
+                               char (&answer)[ANSWER_SIZE], int result);
+// One command 5 statistics line: "<mac>,<radio>,0x<pattern>,<avg>,<nframes>,<nfeedback>,<avg_ma>".
+struct round_result_line {
+  char mac[MAC_TEXT_SIZE];
+  int32_t radio_id;
+  int32_t pattern;
+  int32_t avg_bitrate;
+  int32_t nframes;
+  int32_t nfeedback;
+  int32_t avg_bitrate_ma;
+};
+// Walks a command 5 answer line by line (each line feed becomes a NUL; text after the last one is
+// not a line) and fills *out from the first complete line about peer_mac. False when none qualifies.
+bool zunta_find_result_line(char (&answer)[ANSWER_SIZE], const char* peer_mac, round_result_line* out);
 // Replaces the training status file with "<status>\n", by rename. 0, or -1 when the new file
 // cannot be created or written (one error line; the previous file stays).
 int32_t zunta_write_mp_training_status(int32_t status);
+
+// --- Training in lock-step groups ---
+
+// Splits `count` pairs, given in the order one-at-a-time training takes them, into groups in which
+// no two pairs are within two hops: no node of one pair is a node of another or a neighbour of
+// one, in either direction, by the neighbour lists of the aths in `nodes`. Each pair joins the
+// first group it fits, so the first group begins with the first pair. group_of[i] receives the
+// group of pairs[i] (from 0). Returns the number of groups, or -1 when memory is short.
+int32_t zunta_group_mesh_pairs(const node_tables* nodes, mesh_pair* const* pairs, int32_t count,
+                               int32_t* group_of);
+// Trains the pairs of one group together, round by round: each pair's commands before the pause,
+// one pause for all, then each pair's two command 5 exchanges and its evaluation. Each pair's
+// commands, lines, table and results are those of zunta_mp_training; the tables follow the last
+// round, in group order. A refused pair takes no part. Falls back to one pair after the other when
+// memory for the exchanges is short.
+void zunta_mp_group_training(mesh_pair* const* pairs, int32_t count, char (&buffer)[COMMAND_SIZE]);
 
 // --- Selection ---
 

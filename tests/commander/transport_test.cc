@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "core/log.h"
 #include "support/capture_stdout.h"
@@ -84,6 +85,48 @@ TEST_F(CommandChannelTest, UnmarkedAnswersAccumulateUpToTheBuffer) {
   EXPECT_EQ(line + line, std::string(answer_, 120));
   agent_->stop();
   EXPECT_EQ(22u, agent_->commands().size());
+}
+
+TEST_F(CommandChannelTest, ATricklingAnswerEndsAtTwiceTheReadTimeOut) {
+  // One byte per 50 ms keeps every single read alive; 100 of them last 5 s, the bound is 300 ms.
+  start_agent({std::vector<std::string>(100, "x")});
+  EXPECT_EQ(2, zunta_send_command(command_, answer_, AGENT_IP));
+  EXPECT_GT(std::strlen(answer_), 0u);
+  EXPECT_LT(std::strlen(answer_), 50u);
+}
+
+TEST_F(CommandChannelTest, ARepetitionDropsTheCutLineOfThePreviousAttempt) {
+  const std::string full = "aa:bb:cc:00:00:01,2,0x1,100000,9,9,100000\n";
+  start_agent({{"aa:bb:cc:00:00:09,2,0x1,5,5,5,5\naa:bb:cc:00:00:01,2,0x1,100"}, {full, "ack"}});
+  EXPECT_EQ(0, zunta_make_and_send_command(command_, CMD_STOP_TRAINING, -1, PLACEHOLDER_IP, ZERO_MAC, answer_,
+                                           AGENT_IP));
+  EXPECT_EQ("aa:bb:cc:00:00:09,2,0x1,5,5,5,5\n" + full, std::string(answer_));
+}
+
+TEST_F(CommandChannelTest, ABatchRunsItsExchangesAtOnce) {
+  // Each agent answers only once all of them hold their command: one after the other, the first
+  // would wait in vain and be asked again.
+  constexpr std::size_t N = 4;
+  auto barrier = std::make_shared<agent_barrier>(static_cast<int>(N));
+  std::unique_ptr<fake_agent> agents[N];
+  std::string ips[N], lines[N];
+  zunta_command_job jobs[N] = {};
+  for (std::size_t i = 0; i < N; ++i) {
+    ips[i] = "127.0.3." + std::to_string(20 + i);
+    lines[i] = "aa:bb:cc:00:00:0" + std::to_string(i) + ",2,1\n";
+    agents[i] = std::make_unique<fake_agent>(ips[i].c_str(), test_agent_port(),
+                                             fake_agent::script{{lines[i], "ack"}}, barrier);
+    ASSERT_TRUE(agents[i]->running());
+    jobs[i] = {CMD_GET_MESH_LIST, -1, PLACEHOLDER_IP, ZERO_MAC, ips[i].c_str(), {}, {}, 7, {}};
+  }
+  zunta_make_and_send_commands(jobs, N);
+  for (std::size_t i = 0; i < N; ++i) {
+    SCOPED_TRACE(ips[i]);
+    EXPECT_EQ(0, jobs[i].result);
+    EXPECT_EQ(lines[i], jobs[i].answer);
+    agents[i]->stop();
+    EXPECT_EQ(std::vector<std::string>{"1,-1,127.0.0.1 00:00:00:00:00:00"}, agents[i]->commands());
+  }
 }
 
 TEST_F(CommandChannelTest, LocalFailuresAreNotRepeated) {

@@ -3,6 +3,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -41,6 +44,16 @@ TEST_F(ConfigReaderTest, ValuesAreTakenExactlyAsWritten) {
   EXPECT_EQ(1, opts_.root);
 }
 
+TEST_F(ConfigReaderTest, ParallelTrainingOnlyWhileTheFileSaysTrue) {
+  load("parallel_training=true\n");
+  EXPECT_EQ(1, opts_.parallel_training);
+  load("parallel_training=yes\n");
+  EXPECT_EQ(0, opts_.parallel_training);
+  load("parallel_training=true\n");
+  load("root=true\n");  // the key gone: one pair at a time again
+  EXPECT_EQ(0, opts_.parallel_training);
+}
+
 TEST_F(ConfigReaderTest, ScheduleFieldsOutsideTheirRangesBecomeZero) {
   struct {
     const char* text;
@@ -77,14 +90,64 @@ TEST_F(ConfigReaderTest, EveryLoadResetsTheScheduleAndKeepsTheRest) {
   EXPECT_STREQ("127.9.9.255", opts_.broadcast_address);
 }
 
-TEST_F(ConfigReaderTest, OverLongAddressIsRefusedAndTheFieldStaysTerminated) {
+TEST_F(ConfigReaderTest, OnlyADottedQuadBecomesTheBroadcastAddress) {
   load("broadcast_address=127.9.9.255\n");
-  capture_stdout out;
-  load("broadcast_address=127.100.100.2555\n");
-  EXPECT_STREQ("127.9.9.255", opts_.broadcast_address);
-  EXPECT_THAT(out.text(), HasSubstr("ZUNTA:W:CORE: broadcast_address longer than 15 characters ignored"));
+  for (const char* word :
+       {"127.77.5", "127.0.0.256", "127.100.100.2555", "1.2.3.4.5", "0x7f.1.1.1", "127.9.9.1x"}) {
+    SCOPED_TRACE(word);
+    capture_stdout out;
+    load(std::string("# keep\nbroadcast_address=") + word + "\n");
+    EXPECT_STREQ("127.9.9.255", opts_.broadcast_address);
+    EXPECT_THAT(out.text(),
+                HasSubstr("ZUNTA:W:CORE: broadcast_address at line 2 is not a dotted IPv4 address: " +
+                          std::string(word) + "; 127.9.9.255 kept\n"));
+  }
   load("broadcast_address=   \n");
   EXPECT_STREQ("127.9.9.255", opts_.broadcast_address);
+}
+
+// A FIFO would block the open and /dev/zero would be read for ever, so each load runs in a child
+// that an alarm ends; a file over 64 KiB is refused whole. Nothing of a refused file is applied.
+TEST_F(ConfigReaderTest, OnlyARegularFileOfAtMost64KiBIsLoaded) {
+  std::string fifo = test_dir() + "/fifo.conf", zero = test_dir() + "/zero.conf";
+  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+  ASSERT_EQ(0, symlink("/dev/zero", zero.c_str()));
+  std::string fits = "root=true\n" + std::string(CONFIG_MAX_BYTES - 11, '#') + "\n";
+  ASSERT_EQ(CONFIG_MAX_BYTES, fits.size());
+  write_file(test_dir() + "/fits.conf", fits);
+  write_file(test_dir() + "/over.conf", "root=true\n" + std::string(CONFIG_MAX_BYTES, '#'));
+  // Exit status of the child: 0 loaded, 1 refused with nothing applied.
+  struct {
+    const char* name;
+    int status;
+  } cases[] = {{"fifo.conf", 1}, {"zero.conf", 1}, {"over.conf", 1}, {"fits.conf", 0}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::string path = test_dir() + "/" + c.name;
+    pid_t child = fork();
+    if (child == 0) {
+      alarm(20);
+      options opts{};
+      int result = zunta_config_load_options(path.c_str(), &opts);
+      _exit(result == 0 && opts.root == 1 ? 0 : result == -1 && opts.root == 0 ? 1 : 2);
+    }
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status)) << "the load did not return";
+    EXPECT_EQ(c.status, WEXITSTATUS(status));
+  }
+}
+
+// The sender check follows the file: on when a line says so, off when the key is gone, unchanged
+// when the file cannot be read.
+TEST_F(ConfigReaderTest, SenderCheckFollowsTheFile) {
+  EXPECT_EQ(0, opts_.discovery_check_sender);
+  load("discovery_check_sender=true\n");
+  EXPECT_EQ(1, opts_.discovery_check_sender);
+  EXPECT_EQ(-1, zunta_config_load_options((test_dir() + "/missing.conf").c_str(), &opts_));
+  EXPECT_EQ(1, opts_.discovery_check_sender);
+  load("root=true\n");
+  EXPECT_EQ(0, opts_.discovery_check_sender);
 }
 
 TEST_F(ConfigReaderTest, WarningsCountReadsSoALongLineCountsTwice) {

@@ -29,7 +29,7 @@ TEST(LoggerTest, ThreeLineFormsAtTheRunTimeLevel) {
               HasSubstr("ZUNTA: ERROR: TestBody:" + std::to_string(error_line) + ": Connection Failed\n"));
   EXPECT_THAT(text, HasSubstr("\nzunta-coord: Training ends\n"));
   // Time stamp right-aligned in eight columns, level letter, component right-aligned in four.
-  EXPECT_TRUE(std::regex_search(text, std::regex(R"(\n\[ {5}[ \d]{2}\d\] ZUNTA:W:  MP: warn 7\n)"))) << text;
+  EXPECT_TRUE(std::regex_search(text, std::regex(R"(\n\[[ \d]{7}\d\] ZUNTA:W:  MP: warn 7\n)"))) << text;
   EXPECT_THAT(text, Not(HasSubstr("not shown")));
   log_level_scope verbose(LVL_D);
   capture_stdout detail;

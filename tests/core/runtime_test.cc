@@ -17,7 +17,7 @@ TEST(RuntimeTest, InvalidOverridesAreRefusedAndChangeNothing) {
   } cases[] = {
       // clang-format off
       {"ZUNTA_TIME_SCALE", "abc"}, {"ZUNTA_TIME_SCALE", "0"}, {"ZUNTA_TIME_SCALE", "-1"}, {"ZUNTA_TIME_SCALE", "0.5x"},
-      {"ZUNTA_TIME_SCALE", ""}, {"ZUNTA_AGENT_PORT", "0"}, {"ZUNTA_AGENT_PORT", "70000"}, {"ZUNTA_CONF", ""},
+      {"ZUNTA_TIME_SCALE", ""}, {"ZUNTA_TIME_SCALE", "1000.5"}, {"ZUNTA_TIME_SCALE", "1e300"}, {"ZUNTA_AGENT_PORT", "0"}, {"ZUNTA_AGENT_PORT", "70000"}, {"ZUNTA_CONF", ""},
       // clang-format on
   };
   for (const auto& c : cases) {

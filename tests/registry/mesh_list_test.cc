@@ -31,3 +31,18 @@ TEST(MeshListTest, OnlyCompleteLinesOfARadioNameNeighbours) {
   EXPECT_EQ("aa:bb:cc:dd:ee:03 2 0, AA:BB:CC:DD:EE:0A 1 2, ", seen);
   EXPECT_EQ(2, node.neighbour_count);
 }
+
+TEST(MeshListTest, NumbersOutsideThirtyTwoBitsMakeTheLineInvalid) {
+  char answer[] =
+      "aa:bb:cc:dd:ee:01,4294967298,2\n"  // scanf's %d would have made it radio 2
+      "aa:bb:cc:dd:ee:02,2,-2147483649\n"
+      "aa:bb:cc:dd:ee:03,2,-2147483648\n";  // the smallest that fits
+  ath node = {};
+  INIT_SA_LIST_HEAD(&node.neighbours);
+  EXPECT_EQ(0, zunta_parse_mesh_list(&node, answer));
+  ASSERT_EQ(1, node.neighbour_count);
+  neighbour* n = sa_list_entry(node.neighbours.next, neighbour, list);
+  EXPECT_STREQ("aa:bb:cc:dd:ee:03", n->mac);
+  EXPECT_EQ(INT32_MIN, n->pattern);
+  std::free(n);
+}

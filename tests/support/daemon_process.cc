@@ -6,20 +6,28 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <sstream>
 
 extern char** environ;
 
 namespace {
 
-// The child's environment: the overrides ahead of this process's entries, so a lookup finds them
-// first. Built before fork, because after a fork in a threaded process only async-signal-safe
-// calls are safe.
+// The child's environment: the overrides, then this process's entries that they do not replace.
+// Each name appears once, as a program that takes the last of two equal names (an emulator
+// passing the environment on) would otherwise miss an override. Built before fork, because after
+// a fork in a threaded process only async-signal-safe calls are safe.
 std::vector<std::string> merged_environment(const std::vector<std::string>& overrides) {
   std::vector<std::string> merged(overrides);
-  for (char** e = environ; *e != nullptr; ++e)
-    merged.emplace_back(*e);
+  for (char** e = environ; *e != nullptr; ++e) {
+    std::string entry(*e);
+    std::string name = entry.substr(0, entry.find('=') + 1);
+    bool replaced = std::any_of(overrides.begin(), overrides.end(),
+                                [&](const std::string& o) { return o.compare(0, name.size(), name) == 0; });
+    if (!replaced) merged.push_back(entry);
+  }
   return merged;
 }
 
@@ -31,9 +39,26 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
   return out;
 }
 
+// In a cross build the daemon is a foreign binary: the emulator's words go in front of it,
+// wherever it stands in the command (it may follow a wrapper such as unshare).
+void run_daemon_emulated(std::vector<std::string>& argv) {
+#ifdef ZUNTA_EMULATOR
+  auto daemon = std::find(argv.begin(), argv.end(), std::string(daemon_path()));
+  if (daemon == argv.end()) return;
+  std::vector<std::string> words;
+  std::istringstream emulator(ZUNTA_EMULATOR);
+  for (std::string word; emulator >> word;)
+    words.push_back(word);
+  argv.insert(daemon, words.begin(), words.end());
+#else
+  (void)argv;
+#endif
+}
+
 }  // namespace
 
 daemon_process::daemon_process(std::vector<std::string> argv, std::vector<std::string> env) {
+  run_daemon_emulated(argv);
   int out_pipe[2];
   int err_pipe[2];
   if (pipe2(out_pipe, O_CLOEXEC) != 0) return;

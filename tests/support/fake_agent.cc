@@ -7,7 +7,14 @@
 
 #include <chrono>
 
-fake_agent::fake_agent(const char* ip, uint16_t port, script replies) : replies_(std::move(replies)) {
+bool agent_barrier::arrive_and_wait() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  if (++arrived_ >= parties_) all_.notify_all();
+  return all_.wait_for(lock, std::chrono::seconds(2), [this] { return arrived_ >= parties_; });
+}
+
+fake_agent::fake_agent(const char* ip, uint16_t port, script replies, std::shared_ptr<agent_barrier> barrier)
+    : replies_(std::move(replies)), barrier_(std::move(barrier)) {
   listener_.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   int one = 1;
   setsockopt(listener_.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
@@ -55,6 +62,7 @@ void fake_agent::serve() {
       std::lock_guard<std::mutex> lock(mutex_);
       frames_.push_back(frame);
     }
+    if (barrier_ != nullptr) barrier_->arrive_and_wait();
     if (replies_.empty()) continue;
     answer(conn.get(), replies_[served < replies_.size() ? served : replies_.size() - 1]);
     ++served;
@@ -64,7 +72,7 @@ void fake_agent::serve() {
 void fake_agent::answer(int fd, const std::vector<std::string>& chunks) {
   for (std::size_t i = 0; i < chunks.size(); ++i) {
     if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(CHUNK_GAP_MS));
-    send(fd, chunks[i].data(), chunks[i].size(), MSG_NOSIGNAL);
+    if (send(fd, chunks[i].data(), chunks[i].size(), MSG_NOSIGNAL) < 0) return;  // the peer has gone
   }
   if (!chunks.empty()) return;
   // Silence: hold the connection until the peer gives up and hangs up.

@@ -1,18 +1,34 @@
 // A scripted node agent on one loopback address, in a thread. Per connection: read the whole
 // 1024-byte command, then send that connection's chunks a pause apart, so each lands in its own
 // read. With chunks it then closes; with none it stays silent until the peer hangs up.
-// Connections beyond the script reuse its last entry.
+// Connections beyond the script reuse its last entry. Agents given one barrier hold every answer
+// until all of them have received a command (or the barrier's limit passes).
 #ifndef ZUNTA_TESTS_SUPPORT_FAKE_AGENT_H_
 #define ZUNTA_TESTS_SUPPORT_FAKE_AGENT_H_
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "core/fd.h"
+
+class agent_barrier {
+ public:
+  explicit agent_barrier(int parties) : parties_(parties) {}
+  // Counts this arrival and waits for the others, at most 2 s. False when they did not all come.
+  bool arrive_and_wait();
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable all_;
+  int parties_;
+  int arrived_ = 0;
+};
 
 class fake_agent {
  public:
@@ -21,7 +37,8 @@ class fake_agent {
   // inside the 150 ms read time-out of the tests.
   static constexpr int CHUNK_GAP_MS = 50;
 
-  fake_agent(const char* ip, uint16_t port, script replies);  // bind + listen; thread only if both worked
+  // bind + listen; thread only if both worked
+  fake_agent(const char* ip, uint16_t port, script replies, std::shared_ptr<agent_barrier> barrier = nullptr);
   ~fake_agent() { stop(); }
   fake_agent(const fake_agent&) = delete;
   fake_agent& operator=(const fake_agent&) = delete;
@@ -39,6 +56,7 @@ class fake_agent {
 
   unique_fd listener_;
   script replies_;
+  std::shared_ptr<agent_barrier> barrier_;
   mutable std::mutex mutex_;
   std::vector<std::string> frames_;
   std::atomic<bool> stopping_{false};

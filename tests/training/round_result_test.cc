@@ -21,6 +21,11 @@ TEST(StopTrainingTest, OnlyAFullPeerLineOfRadioTwoFillsTheAnsweringSideOfTheRoun
       {R + ",1,0x2,41000,900,880,40000\n", 5, false},
       {R + figures.substr(0, figures.size() - 1), 5, false},  // no line feed
       {R + figures, 16, false},
+      // Numbers that do not fit 32 bits make the line unusable, whatever scanf would have kept.
+      {R + ",2,0x2,2147483648,900,880,40000\n", 5, false},
+      {R + ",2,0x100000002,41000,900,880,40000\n", 5, false},
+      {R + ",4294967298,0x2,41000,900,880,40000\n", 5, false},
+      {R + ",2,0x2,41000,900,880,-2147483649\n", 5, false},
   };
   char buffer[COMMAND_SIZE];
   for (const auto& [lines, round, stored] : cases) {
