@@ -209,7 +209,7 @@ TEST_F(DiscoveryTest, SenderCheckDropsLinesNamingAnotherAddress) {
 TEST(DiscoveryClockTest, OneRequestPerPeriodAcrossTheUptimeWrapAndAClockSetBackADay) {
   fake_clock clock;
   struct coordinator c = {};
-  options opts = {0, "127.0.2.255", 24622, 0, 0};
+  options opts = {0, "127.0.2.255", 24630, 0, 0};
   ASSERT_EQ(0, zunta_coordinator_init(&c, &opts));
   unique_fd sock(c.sockfd), counter(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   ASSERT_EQ(0, bind(counter.get(), reinterpret_cast<sockaddr*>(&c.broadcast_addr), sizeof c.broadcast_addr));
