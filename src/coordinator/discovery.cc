@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 
@@ -129,15 +128,16 @@ int send_request(struct coordinator* coordinator) {
 // Receives answers until the socket's receive time-out passes without one, the answer limit is
 // reached or the collection's time is up.
 void receive_answers(struct coordinator* coordinator, answer_collection& c) {
-  auto deadline = std::chrono::steady_clock::now() +
-                  std::chrono::milliseconds(zunta_scaled_ms(DISCOVERY_COLLECTION_MAX_MS));
+  // On the monotonic millisecond clock: setting the time of day cannot stretch a collection.
+  const uint32_t started = static_cast<uint32_t>(uptime_ms());
+  const int32_t limit_ms = static_cast<int32_t>(zunta_scaled_ms(DISCOVERY_COLLECTION_MAX_MS));
   for (;;) {
     if (c.kept >= DISCOVERY_MAX_ANSWERS) {
       ZLOG(COMP_CORE, LVL_W, "Discovery stops at %d answers; later answers of this request are dropped\n",
            static_cast<int>(DISCOVERY_MAX_ANSWERS));
       return;
     }
-    if (std::chrono::steady_clock::now() >= deadline) {
+    if (timediff(static_cast<uint32_t>(uptime_ms()), started) >= limit_ms) {
       ZLOG(COMP_CORE, LVL_W, "Discovery stops after %d ms with %d answers; later answers are dropped\n",
            static_cast<int>(zunta_scaled_ms(DISCOVERY_COLLECTION_MAX_MS)), static_cast<int>(c.kept));
       return;
