@@ -47,16 +47,21 @@ TEST_F(CommandChannelTest, TheWholeBufferGoesOnTheWire) {
   EXPECT_STREQ("", answer_);
 }
 
-// Lines before the marker's own read are kept; text in the same read as the marker is lost; a
-// silent connection counts as a refusal.
+// Lines before the marker's own read are kept; text in the same read as the marker is lost.
 TEST_F(CommandChannelTest, AnswerIsWhatArrivesBeforeTheMarkersRead) {
   start_agent(
-      {{"aa:bb:cc:00:00:01,2,3\n", "aa:bb:cc:00:00:02,2,1\n", "ack"}, {"aa:bb:cc:00:00:01,2,3\nack"}, {}});
+      {{"aa:bb:cc:00:00:01,2,3\n", "aa:bb:cc:00:00:02,2,1\n", "ack"}, {"aa:bb:cc:00:00:01,2,3\nack"}});
   EXPECT_EQ(0, send9());
   EXPECT_STREQ("aa:bb:cc:00:00:01,2,3\naa:bb:cc:00:00:02,2,1\n", answer_);
+  std::memset(answer_, 0, sizeof answer_);
   EXPECT_EQ(0, send9());
   EXPECT_STREQ("", answer_);
+}
+
+TEST_F(CommandChannelTest, SilenceCountsAsRefusal) {
+  start_agent({{}, {"ack"}});
   EXPECT_EQ(1, zunta_send_command(command_, answer_, AGENT_IP));
+  EXPECT_EQ(0, send9());  // the next connection is acknowledged
 }
 
 TEST_F(CommandChannelTest, RefusalIsRepeatedTwentyTimesThenGivenUp) {

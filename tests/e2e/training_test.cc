@@ -31,18 +31,14 @@ std::string table(const char* from, const char* to, const std::function<int(int,
 // Round r of a pair measures left pattern r % 4 with right pattern r / 4. The reports grow with
 // the round, except for one round with a bump that makes it the best: (1,2) = round 9 for a-b,
 // (3,0) = round 3 for b-c.
-int rate_ab(int left, int right) {
-  return 100000 + 1000 * (left + 4 * right) + (left == 1 && right == 2 ? 100000 : 0);
-}
-int rate_bc(int left, int right) {
-  return 100000 + 1000 * (left + 4 * right) + (left == 3 && right == 0 ? 100000 : 0);
-}
 int plain(int left, int right) {
   return 100000 + 1000 * (left + 4 * right);
 }
-
-std::string link_tables_bc() {
-  return table("b", "c", rate_bc) + table("c", "b", [](int c, int b) { return plain(b, c); });
+int rate_ab(int left, int right) {
+  return plain(left, right) + (left == 1 && right == 2 ? 100000 : 0);
+}
+int rate_bc(int left, int right) {
+  return plain(left, right) + (left == 3 && right == 0 ? 100000 : 0);
 }
 
 // The chain a - b - c: a and c hear only b.
@@ -60,7 +56,8 @@ neighbour b a
 neighbour b c
 neighbour c b
 )") + table("a", "b", rate_ab) +
-         table("b", "a", [](int b, int a) { return plain(a, b); }) + link_tables_bc();
+         table("b", "a", [](int b, int a) { return plain(a, b); }) + table("b", "c", rate_bc) +
+         table("c", "b", [](int c, int b) { return plain(b, c); });
 }
 
 std::string cmd(int index, int value, const std::string& arg1, const std::string& arg2) {
@@ -74,12 +71,9 @@ class TrainingScenario : public MeshScenario {
   std::vector<seen_command> rounds(const char* left, const char* lmac, int lhost, const char* right,
                                    const char* rmac, int rhost, int (*rate)(int, int)) const {
     std::vector<seen_command> out;
-    int best = -1;
-    int best_left = 0;
-    int best_right = 0;
+    int best = -1, best_left = 0, best_right = 0;
     for (int r = 0; r < 16; ++r) {
-      int l = r % 4;
-      int rr = r / 4;
+      const int l = r % 4, rr = r / 4;
       out.push_back({left, cmd(2, l, "1.8.0." + std::to_string(best_left), rmac)});
       out.push_back({right, cmd(2, rr, "1.8.0." + std::to_string(best_right), lmac)});
       out.push_back({left, cmd(4, -1, "127.0.0.1", rmac)});
