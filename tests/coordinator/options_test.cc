@@ -44,16 +44,6 @@ TEST_F(ConfigReaderTest, ValuesAreTakenExactlyAsWritten) {
   EXPECT_EQ(1, opts_.root);
 }
 
-TEST_F(ConfigReaderTest, ParallelTrainingOnlyWhileTheFileSaysTrue) {
-  load("parallel_training=true\n");
-  EXPECT_EQ(1, opts_.parallel_training);
-  load("parallel_training=yes\n");
-  EXPECT_EQ(0, opts_.parallel_training);
-  load("parallel_training=true\n");
-  load("root=true\n");  // the key gone: one pair at a time again
-  EXPECT_EQ(0, opts_.parallel_training);
-}
-
 TEST_F(ConfigReaderTest, ScheduleFieldsOutsideTheirRangesBecomeZero) {
   struct {
     const char* text;
@@ -138,16 +128,17 @@ TEST_F(ConfigReaderTest, OnlyARegularFileOfAtMost64KiBIsLoaded) {
   }
 }
 
-// The sender check follows the file: on when a line says so, off when the key is gone, unchanged
-// when the file cannot be read.
-TEST_F(ConfigReaderTest, SenderCheckFollowsTheFile) {
+// Both switches follow the file: on only when a line says "true", off when the key is gone,
+// unchanged when the file cannot be read.
+TEST_F(ConfigReaderTest, SwitchesFollowTheFile) {
   EXPECT_EQ(0, opts_.discovery_check_sender);
-  load("discovery_check_sender=true\n");
+  load("discovery_check_sender=true\nparallel_training=true\n");
   EXPECT_EQ(1, opts_.discovery_check_sender);
+  EXPECT_EQ(1, opts_.parallel_training);
   EXPECT_EQ(-1, zunta_config_load_options((test_dir() + "/missing.conf").c_str(), &opts_));
-  EXPECT_EQ(1, opts_.discovery_check_sender);
-  load("root=true\n");
-  EXPECT_EQ(0, opts_.discovery_check_sender);
+  EXPECT_EQ(2, opts_.discovery_check_sender + opts_.parallel_training);  // both kept
+  load("parallel_training=yes\n");
+  EXPECT_EQ(0, opts_.discovery_check_sender + opts_.parallel_training);
 }
 
 TEST_F(ConfigReaderTest, WarningsCountReadsSoALongLineCountsTwice) {

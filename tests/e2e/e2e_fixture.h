@@ -29,10 +29,13 @@ inline std::ostream& operator<<(std::ostream& os, const seen_command& c) {
   return os << c.node << ": " << c.line;
 }
 
-class MeshScenario : public ::testing::Test {
- protected:
-  // Starts the simulator with `topology` (written on 127.0.60.x, moved to 127.1.N.x).
-  void start_mesh(int range, const std::string& topology, int marker_gap_ms = 50) {
+// One simulated mesh and one daemon run against it.
+class mesh_run {
+ public:
+  // Starts the simulator with `topology` (written on 127.0.60.x, moved to 127.1.N.x); `conf` adds
+  // lines to the daemon's configuration.
+  void start_mesh(int range, const std::string& topology, int marker_gap_ms = 50,
+                  const std::string& conf = "") {
     range_ = range;
     meshsim::sim_config config;
     config.topology = topology;
@@ -47,17 +50,18 @@ class MeshScenario : public ::testing::Test {
     dir_ = test_dir() + "/e2e-" + std::to_string(range);
     ASSERT_EQ(0, std::system(("mkdir -p " + dir_).c_str()));
     write_file(dir_ + "/zunta.conf", "root=true\nbroadcast_address=" + config.discovery_address +
-                                         "\nbroadcast_port=" + std::to_string(config.discovery_port) + "\n");
+                                         "\nbroadcast_port=" + std::to_string(config.discovery_port) + "\n" +
+                                         conf);
   }
 
-  void start_daemon(std::vector<std::string> args) {
+  void start_daemon(std::vector<std::string> args, const std::string& time_scale = "0.05") {
     args.insert(args.begin(), daemon_path());
     daemon_ = std::make_unique<daemon_process>(
         args, std::vector<std::string>{"ZUNTA_CONF=" + dir_ + "/zunta.conf", "ZUNTA_SNAPSHOT=" + snapshot(),
                                        "ZUNTA_DUMP_FILE=" + dir_ + "/dump.log",
                                        "ZUNTA_TRAINING_STATUS_FILE=" + dir_ + "/status.log",
                                        "ZUNTA_AGENT_PORT=" + std::to_string(25000 + range_),
-                                       "ZUNTA_TIME_SCALE=0.05"});
+                                       "ZUNTA_TIME_SCALE=" + time_scale});
     ASSERT_TRUE(daemon_->started());
   }
 
@@ -95,6 +99,8 @@ class MeshScenario : public ::testing::Test {
   meshsim::mesh_simulator sim_;
   std::unique_ptr<daemon_process> daemon_;
 };
+
+class MeshScenario : public ::testing::Test, public mesh_run {};
 
 inline int count_of(const std::string& text, const std::string& what) {
   int n = 0;

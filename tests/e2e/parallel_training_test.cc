@@ -18,33 +18,12 @@ using ::testing::HasSubstr;
 constexpr int RUN_WAIT_MS = 600000;  // one pair at a time on 16 nodes is long; nothing is timed
 
 // One daemon run (zunta-coord -1) against its own simulator on 127.1.<range>.x.
-class mesh_run {
+class pair_run : public mesh_run {
  public:
   // Time scale 0.034 keeps the agents' 3-s time-out at 100 ms and the round pause at 204 ms.
   void start(int range, const std::string& topology, bool parallel, const char* time_scale = "0.034") {
-    range_ = range;
-    meshsim::sim_config config;
-    config.topology = topology;
-    config.relocate_base = "127.1." + std::to_string(range);
-    config.agent_port = static_cast<uint16_t>(25000 + range);
-    config.discovery_address = config.relocate_base + ".255";
-    config.discovery_port = static_cast<uint16_t>(25100 + range);
-    config.log = false;
-    std::string error;
-    ASSERT_EQ(0, sim.start(config, &error)) << error;
-    dir_ = test_dir() + "/e2e-" + std::to_string(range);
-    ASSERT_EQ(0, std::system(("mkdir -p " + dir_).c_str()));
-    write_file(dir_ + "/zunta.conf", "root=true\nbroadcast_address=" + config.discovery_address +
-                                         "\nbroadcast_port=" + std::to_string(config.discovery_port) + "\n" +
-                                         (parallel ? "parallel_training=true\n" : ""));
-    daemon = std::make_unique<daemon_process>(
-        std::vector<std::string>{daemon_path(), "-1"},
-        std::vector<std::string>{
-            "ZUNTA_CONF=" + dir_ + "/zunta.conf", "ZUNTA_SNAPSHOT=" + dir_ + "/zunta-sa.log",
-            "ZUNTA_DUMP_FILE=" + dir_ + "/dump.log", "ZUNTA_TRAINING_STATUS_FILE=" + dir_ + "/status.log",
-            "ZUNTA_AGENT_PORT=" + std::to_string(25000 + range),
-            std::string("ZUNTA_TIME_SCALE=") + time_scale});
-    ASSERT_TRUE(daemon->started());
+    start_mesh(range, topology, meshsim::DEFAULT_MARKER_GAP_MS, parallel ? "parallel_training=true\n" : "");
+    start_daemon({"-1"}, time_scale);
   }
 
   // The text with this run's addresses 127.1.<range>.x written 127.1.N.x, to compare runs.
@@ -57,7 +36,7 @@ class mesh_run {
 
   // The status file without its clock readings.
   std::string status() const {
-    std::istringstream in(read_file(dir_ + "/zunta-sa.log"));
+    std::istringstream in(read_file(snapshot()));
     std::string out;
     for (std::string line; std::getline(in, line);) {
       if (line.find("\"systime\"") == std::string::npos &&
@@ -72,13 +51,13 @@ class mesh_run {
   // node was started towards.
   std::map<std::string, std::vector<std::string>> commands_by_pair() const {
     std::map<std::string, std::string> name_of;  // MAC or IP -> node name
-    for (const meshsim::command_record& r : sim.records()) {
+    for (const meshsim::command_record& r : sim_.records()) {
       meshsim::node_view v;
-      if (r.source == "agent" && sim.node_state(r.node, &v)) name_of[v.mac] = name_of[v.ip] = v.name;
+      if (r.source == "agent" && sim_.node_state(r.node, &v)) name_of[v.mac] = name_of[v.ip] = v.name;
     }
     std::map<std::string, std::string> last_peer;
     std::map<std::string, std::vector<std::string>> out;
-    for (const meshsim::command_record& r : sim.records()) {
+    for (const meshsim::command_record& r : sim_.records()) {
       if (r.source != "agent") continue;
       std::string peer;
       if ((r.index == 2 && r.arg1.rfind("1.8.0.", 0) == 0) || r.index == 4)
@@ -96,13 +75,6 @@ class mesh_run {
     }
     return out;
   }
-
-  meshsim::mesh_simulator sim;
-  std::unique_ptr<daemon_process> daemon;
-
- private:
-  int range_ = 0;
-  std::string dir_;
 };
 
 // The training tables of the output, without their time stamps, sorted: a pair's table is the
@@ -129,14 +101,14 @@ std::vector<std::string> lines_with(const std::string& out, const std::string& w
 
 // Trains `topology` both ways at once and compares everything the mesh and the operator see.
 void expect_same_both_ways(int range, const std::string& topology, int nodes, int* groups) {
-  mesh_run one;
-  mesh_run grouped;
+  pair_run one;
+  pair_run grouped;
   one.start(range, topology, false);
   grouped.start(range + 1, topology, true);
-  ASSERT_EQ(0, one.daemon->wait_exit(RUN_WAIT_MS)) << one.daemon->out();
-  ASSERT_EQ(0, grouped.daemon->wait_exit(RUN_WAIT_MS)) << grouped.daemon->out();
-  const std::string one_out = one.daemon->out();
-  const std::string grouped_out = grouped.daemon->out();
+  ASSERT_EQ(0, one.daemon_->wait_exit(RUN_WAIT_MS)) << one.daemon_->out();
+  ASSERT_EQ(0, grouped.daemon_->wait_exit(RUN_WAIT_MS)) << grouped.daemon_->out();
+  const std::string one_out = one.daemon_->out();
+  const std::string grouped_out = grouped.daemon_->out();
 
   EXPECT_EQ(one.commands_by_pair(), grouped.commands_by_pair());
   EXPECT_EQ(tables(one_out), tables(grouped_out));
@@ -144,7 +116,7 @@ void expect_same_both_ways(int range, const std::string& topology, int nodes, in
   for (int k = 1; k <= nodes; ++k) {
     const std::string name = "n" + std::to_string(k);
     meshsim::node_view a, b;
-    ASSERT_TRUE(one.sim.node_state(name, &a) && grouped.sim.node_state(name, &b)) << name;
+    ASSERT_TRUE(one.sim_.node_state(name, &a) && grouped.sim_.node_state(name, &b)) << name;
     EXPECT_EQ(a.rx_pattern, b.rx_pattern) << name;
     // The order in which a node first heard of its peers differs; the patterns may not.
     auto patterns = [](const meshsim::node_view& v) {
@@ -159,7 +131,7 @@ void expect_same_both_ways(int range, const std::string& topology, int nodes, in
   *groups = count_of(grouped_out, "zunta-coord: Training group ");
 
   // Measurements of different pairs that ran at overlapping times are more than two hops apart.
-  const std::vector<meshsim::measure_window> windows = grouped.sim.windows();
+  const std::vector<meshsim::measure_window> windows = grouped.sim_.windows();
   int overlapping = 0;
   for (std::size_t i = 0; i < windows.size(); ++i) {
     for (std::size_t j = i + 1; j < windows.size(); ++j) {
@@ -168,7 +140,7 @@ void expect_same_both_ways(int range, const std::string& topology, int nodes, in
       const bool same_pair = std::minmax(a.node, a.peer) == std::minmax(b.node, b.peer);
       if (same_pair || !meshsim::windows_overlap(a, b)) continue;
       ++overlapping;
-      EXPECT_FALSE(grouped.sim.pairs_within_two_hops(a.node, a.peer, b.node, b.peer))
+      EXPECT_FALSE(grouped.sim_.pairs_within_two_hops(a.node, a.peer, b.node, b.peer))
           << a.node << "-" << a.peer << " and " << b.node << "-" << b.peer;
     }
   }
@@ -211,12 +183,12 @@ mesh c d 300000
 )";
 
 TEST(ParallelTrainingScenario, NodeThatStopsAnsweringCostsOnlyItsOwnPair) {
-  mesh_run healthy;
-  mesh_run faulty;
+  pair_run healthy;
+  pair_run faulty;
   healthy.start(44, TWO_PAIRS, true, "0.05");
   faulty.start(45, TWO_PAIRS, true, "0.05");
   // d stops answering three rounds into the group.
-  ASSERT_TRUE(faulty.sim.wait_for(
+  ASSERT_TRUE(faulty.sim_.wait_for(
       [](const std::vector<meshsim::command_record>& records) {
         return std::count_if(records.begin(), records.end(), [](const meshsim::command_record& r) {
                  return r.node == "d" && r.index == 5;
@@ -224,22 +196,22 @@ TEST(ParallelTrainingScenario, NodeThatStopsAnsweringCostsOnlyItsOwnPair) {
       },
       RUN_WAIT_MS));
   std::string reply;
-  ASSERT_EQ(0, faulty.sim.control("fault d refuse", &reply)) << reply;
-  ASSERT_EQ(0, healthy.daemon->wait_exit(RUN_WAIT_MS)) << healthy.daemon->out();
-  ASSERT_EQ(0, faulty.daemon->wait_exit(RUN_WAIT_MS)) << faulty.daemon->out();
+  ASSERT_EQ(0, faulty.sim_.control("fault d refuse", &reply)) << reply;
+  ASSERT_EQ(0, healthy.daemon_->wait_exit(RUN_WAIT_MS)) << healthy.daemon_->out();
+  ASSERT_EQ(0, faulty.daemon_->wait_exit(RUN_WAIT_MS)) << faulty.daemon_->out();
 
-  const std::string out = faulty.daemon->out();
+  const std::string out = faulty.daemon_->out();
   EXPECT_THAT(out, HasSubstr("zunta-coord: Training group 1 of 1: "));
   EXPECT_EQ(32, count_of(out, "zunta-coord:  - Training progress: "));
   EXPECT_EQ(2, count_of(out, " - Training progress: 100.00%\n"));
   EXPECT_THAT(out, HasSubstr("Connection Failed\n"));
   // a-b as without the fault: its commands, its table, its chosen patterns.
   EXPECT_EQ(healthy.commands_by_pair().at("a-b"), faulty.commands_by_pair().at("a-b"));
-  const std::vector<std::string> ab_rows = lines_with(healthy.daemon->out(), "0a:5a:00:00:00:01, 0x");
+  const std::vector<std::string> ab_rows = lines_with(healthy.daemon_->out(), "0a:5a:00:00:00:01, 0x");
   ASSERT_EQ(16u, ab_rows.size());
   EXPECT_EQ(ab_rows, lines_with(out, "0a:5a:00:00:00:01, 0x"));
   const std::string ab_set =
-      lines_with(healthy.daemon->out(), "Pattern Set for Mesh Pair: 0a:5a:00:00:00:01").at(0);
+      lines_with(healthy.daemon_->out(), "Pattern Set for Mesh Pair: 0a:5a:00:00:00:01").at(0);
   EXPECT_EQ(std::vector<std::string>{ab_set},
             lines_with(out, "Pattern Set for Mesh Pair: 0a:5a:00:00:00:01"));
 }

@@ -1,15 +1,13 @@
 // The simulator's parts that the end-to-end scenarios do not reach: topology errors, the radio
 // model and the generator without sockets; then, over the sockets, broken frames and bursts,
-// malformed lines, the fault kinds and discovery faults.
+// malformed lines, the fault kinds and discovery faults. The shipped four-node example is driven
+// end to end by the parallel training scenario.
 #include "meshsim/simulator.h"
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 
-#include <cstring>
-#include <functional>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -197,69 +195,6 @@ TEST_F(SimulatorTest, MeasurementWindowsRunFromTheFirstStartToTheStop) {
                                     "\"n1\",\"peer_mac\":\"0a:5a:00:00:00:01\",\"start_ms\":[0-9]+,"
                                     "\"stop_ms\":[0-9]+,\"start_seq\":1,\"stop_seq\":3,"
                                     "\"gain_db\":0,\"share\":1.000000\\}"));
-}
-
-// Counts the answer lines, before the marker's own read, that `scan` reads completely.
-int scanned_lines(const std::string& answer, const std::function<bool(const char*)>& scan) {
-  EXPECT_EQ(answer.size() - 4, answer.rfind("|ack")) << answer;
-  std::istringstream in(answer.substr(0, answer.rfind('|')));
-  int count = 0;
-  for (std::string line; std::getline(in, line);)
-    count += scan(line.c_str());
-  return count;
-}
-
-// The shipped four-node example driven as the coordinator drives it, parsed with its formats.
-TEST(ShippedExampleTest, AnswersDiscoveryAndEveryCommand) {
-  mesh_simulator sim;
-  sim_config c;
-  c.topology = read_file(std::string(ZUNTA_SOURCE_DIR) + "/tools/meshsim/examples/four-nodes.topo");
-  c.relocate_base = "127.0.7";
-  c.agent_port = AGENT_PORT;
-  c.discovery_address = "127.0.7.255";
-  c.discovery_port = DISCOVERY_PORT;
-  c.marker_gap_ms = 150;
-  c.log = false;
-  std::string error;
-  ASSERT_EQ(0, sim.start(c, &error)) << error;
-  unique_fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  sockaddr_in to{AF_INET, htons(DISCOVERY_PORT), {}, {}};
-  inet_pton(AF_INET, "127.0.7.255", &to.sin_addr);
-  timeval limit{1, 0};
-  setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-  sendto(fd.get(), "IP?", 4, 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
-  char buf[65] = {}, ip[16], mac[18];
-  int value, eth, radio, pattern, bitrate, frames, feedback, ma, found = 0;
-  for (ssize_t got; (got = recv(fd.get(), buf, 64, 0)) > 0; std::memset(buf, 0, sizeof buf))
-    found += std::sscanf(buf, "%15[^,],%17[^,],%d,%d", ip, mac, &value, &eth) == 4;
-  EXPECT_EQ(4, found);
-  const int clients[] = {4, 3, 3, 3}, neighbours[] = {2, 3, 3, 2};  // n4's radio -1 line scans too
-  for (int k = 1; k <= 4; ++k) {
-    std::string node = "127.0.7." + std::to_string(k);
-    EXPECT_EQ(clients[k - 1],
-              scanned_lines(talk(node.c_str(), frame(ASK_CLIENTS)),
-                            [&](const char* l) { return std::sscanf(l, "%17[^,]", mac) == 1; }))
-        << node;
-    EXPECT_EQ(neighbours[k - 1],
-              scanned_lines(
-                  talk(node.c_str(), frame("1,-1,127.0.0.1 00:00:00:00:00:00")),
-                  [&](const char* l) { return std::sscanf(l, "%17[^,],%d,%d", mac, &radio, &pattern) == 3; }))
-        << node;
-  }
-  // n1 on pattern 1 towards n2, n2 on pattern 2 towards n1: the best cell of their table.
-  const std::pair<const char*, const char*> steps[] = {
-      {"127.0.7.1", "0,-1,127.0.0.1 0a:5a:00:00:00:02"}, {"127.0.7.1", "6,-1,127.0.0.1 0a:5a:00:00:00:01"},
-      {"127.0.7.1", "2,1,1.8.0.0 0a:5a:00:00:00:02"},    {"127.0.7.2", "10,2,127.0.0.1 0a:5a:00:00:00:01"},
-      {"127.0.7.3", "11,1,127.0.0.1 00:00:00:00:00:00"}, {"127.0.7.1", "4,-1,127.0.0.1 0a:5a:00:00:00:02"},
-      {"127.0.7.1", "8,-1,127.0.7.2 00:00:00:00:00:00"}};
-  for (const auto& [node, line] : steps)
-    EXPECT_EQ("ack", talk(node, frame(line))) << line;
-  EXPECT_EQ(1,
-            scanned_lines(talk("127.0.7.1", frame("5,-1,127.0.0.1 00:00:00:00:00:00")), [&](const char* l) {
-              return std::sscanf(l, "%17[^,],%d,0x%x,%d,%d,%d,%d", mac, &radio, &pattern, &bitrate, &frames,
-                                 &feedback, &ma) == 7 &&
-                     radio == 2 && pattern == 1 && ma == 520000;
-            }));
 }
 
 }  // namespace

@@ -59,32 +59,19 @@ void run_daemon_emulated(std::vector<std::string>& argv) {
 
 daemon_process::daemon_process(std::vector<std::string> argv, std::vector<std::string> env) {
   run_daemon_emulated(argv);
-  int out_pipe[2];
-  int err_pipe[2];
-  if (pipe2(out_pipe, O_CLOEXEC) != 0) return;
-  if (pipe2(err_pipe, O_CLOEXEC) != 0) {
-    close(out_pipe[0]);
-    close(out_pipe[1]);
-    return;
-  }
+  int out_pipe[2] = {-1, -1}, err_pipe[2] = {-1, -1};
   std::vector<std::string> environment = merged_environment(env);
-  std::vector<char*> args = pointers(argv);
-  std::vector<char*> envp = pointers(environment);
-  pid_ = fork();
+  std::vector<char*> args = pointers(argv), envp = pointers(environment);
+  if (pipe2(out_pipe, O_CLOEXEC) == 0 && pipe2(err_pipe, O_CLOEXEC) == 0) pid_ = fork();
   if (pid_ == 0) {
     dup2(out_pipe[1], STDOUT_FILENO);
     dup2(err_pipe[1], STDERR_FILENO);
     execvpe(args[0], args.data(), envp.data());
     _exit(127);
   }
-  close(out_pipe[1]);
-  close(err_pipe[1]);
-  if (pid_ < 0) {
-    close(out_pipe[0]);
-    close(err_pipe[0]);
-    return;
-  }
-  reader_ = std::thread(&daemon_process::collect, this, out_pipe[0], err_pipe[0]);
+  for (int fd : {out_pipe[1], err_pipe[1], pid_ < 0 ? out_pipe[0] : -1, pid_ < 0 ? err_pipe[0] : -1})
+    if (fd >= 0) close(fd);
+  if (pid_ > 0) reader_ = std::thread(&daemon_process::collect, this, out_pipe[0], err_pipe[0]);
 }
 
 daemon_process::~daemon_process() {
@@ -124,10 +111,6 @@ bool daemon_process::wait_until(const std::function<bool(const std::string&)>& r
   return ready(out_);
 }
 
-bool daemon_process::wait_for_output(const std::string& text, int timeout_ms) {
-  return wait_until([&](const std::string& out) { return out.find(text) != std::string::npos; }, timeout_ms);
-}
-
 int daemon_process::wait_exit(int timeout_ms) {
   if (pid_ <= 0) return -1;
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
@@ -165,10 +148,6 @@ std::string daemon_process::out() const {
 std::string daemon_process::err() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return err_;
-}
-
-const char* daemon_path() {
-  return ZUNTA_COORD_PATH;
 }
 
 bool can_unshare_network() {

@@ -22,7 +22,10 @@ class daemon_process {
 
   bool started() const { return pid_ > 0; }
   // Waits until the standard output holds `text` (true) or the time-out passes (false).
-  bool wait_for_output(const std::string& text, int timeout_ms);
+  bool wait_for_output(const std::string& text, int timeout_ms) {
+    return wait_until([&](const std::string& out) { return out.find(text) != std::string::npos; },
+                      timeout_ms);
+  }
   // Waits until `ready` holds for the output collected so far.
   bool wait_until(const std::function<bool(const std::string& out)>& ready, int timeout_ms);
   // Waits for the exit and gives the exit status, or -1 when it did not exit in time.
@@ -46,7 +49,9 @@ class daemon_process {
 };
 
 // Path of the built daemon.
-const char* daemon_path();
+inline const char* daemon_path() {
+  return ZUNTA_COORD_PATH;
+}
 // True when this process may make a private network namespace (unshare -n).
 bool can_unshare_network();
 

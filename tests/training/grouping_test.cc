@@ -20,8 +20,6 @@ class grouping_mesh {
  public:
   grouping_mesh() { INIT_SA_LIST_HEAD(&t_.ath_list); }
   ~grouping_mesh() { zunta_flush_ath(&t_); }
-  grouping_mesh(const grouping_mesh&) = delete;
-  grouping_mesh& operator=(const grouping_mesh&) = delete;
 
   static void mac_of(char (&mac)[MAC_TEXT_SIZE], int n) {
     zunta_format_buffer(mac, sizeof mac, "aa:00:00:00:%02x:%02x", (n >> 8) & 0xff, n & 0xff);
@@ -37,12 +35,9 @@ class grouping_mesh {
     nb->radioidx = 2;
     sa_list_add(&nb->list, &node(n)->neighbours);
   }
-  void link(int a, int b) {
+  void pair(int a, int b) {
     lists(a, b);
     lists(b, a);
-  }
-  void pair(int a, int b) {
-    link(a, b);
     mesh_pair p = {};
     mac_of(p.left_mac, a);
     mac_of(p.right_mac, b);
@@ -148,12 +143,8 @@ TEST(GroupingTest, FourHundredNinetyPairsFormValidGreedyGroups) {
   };
   for (std::size_t i = 0; i < pairs.size(); ++i) {
     ASSERT_GE(g[i], 0);
-    for (std::size_t j = 0; j < pairs.size(); ++j) {
-      if (j == i) continue;
-      if (g[j] == g[i]) {
-        EXPECT_FALSE(near(i, j)) << i << " and " << j;
-      }
-    }
+    for (std::size_t j = 0; j < pairs.size(); ++j)
+      EXPECT_FALSE(j != i && g[j] == g[i] && near(i, j)) << i << " and " << j;
     // Greedy: every earlier group holds a pair, placed before this one, that is near it.
     for (int32_t earlier = 0; earlier < g[i]; ++earlier) {
       bool blocked = false;
