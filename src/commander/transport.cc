@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "commander/failures.h"
 #include "core/log.h"
 #include "core/runtime.h"
 #include "core/text.h"
@@ -52,6 +53,7 @@ void finish_job(zunta_command_job& job) {
   if (s.last == 1) {
     ZLOG_AS(WRAPPER, COMP_CORE, LVL_I, "Maximum number of requests is reached\n");
     job.result = 1;
+    zunta_count_failure(job.ip);
     return;
   }
   // A repetition that failed locally (the agent vanished between attempts) means the command did
@@ -59,6 +61,7 @@ void finish_job(zunta_command_job& job) {
   // handed on as if it were the answer.
   if (s.last == -1) {
     job.result = -1;
+    zunta_count_failure(job.ip);
     return;
   }
   ZLOG_AS(WRAPPER, COMP_CORE, LVL_D, "RESPONSE %d: %s\n", job.index, job.answer);
@@ -80,6 +83,7 @@ void after_exchange(zunta_command_job& job, int code, int64_t now) {
       ZLOG_AS(WRAPPER, COMP_CORE, LVL_E, "Error while sending command\n");
       job.result = -1;
       s.phase = DONE;
+      zunta_count_failure(job.ip);
       return;
     }
     if (code == 0) return finish_job(job);
@@ -259,6 +263,8 @@ void run_jobs(zunta_command_job* jobs, std::size_t count, bool single, pollfd* f
     if (!active) return;
     int64_t wait = wake - monotonic_us();
     if (wait < 0) wait = 0;
+    const int64_t task_due = zunta_wait_tick_due_in_us();
+    if (task_due < wait) wait = task_due;
     timespec limit{static_cast<time_t>(wait / 1000000), static_cast<long>((wait % 1000000) * 1000)};
     // On a failed poll no descriptor reports anything and the deadlines still run.
     if (ppoll(fds, count, &limit, nullptr) < 0) {
@@ -268,6 +274,7 @@ void run_jobs(zunta_command_job* jobs, std::size_t count, bool single, pollfd* f
     now = monotonic_us();
     for (std::size_t i = 0; i < count; ++i)
       if (jobs[i].state.phase != DONE) step_job(jobs[i], fds[i].revents, now);
+    zunta_wait_tick();
   }
 }
 

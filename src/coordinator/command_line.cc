@@ -12,6 +12,7 @@
 #include "coordinator/snapshot.h"
 #include "core/log.h"
 #include "meshpair/meshpair.h"
+#include "training/pass.h"
 #include "training/training.h"
 
 namespace {
@@ -47,7 +48,9 @@ void train_every_pair(cycle_state* s) {
     ZLOG(COMP_CORE, LVL_I, "************************MeshPair %s starts training************************\n",
          mp->meshkey);
     print_systime(coordinator->last_training);
+    zunta_pass_pair_begins(mp);
     zunta_mp_training(mp, command);
+    zunta_pass_pair_ends(mp, mp->trained != 1);
     ZLOG(COMP_CORE, LVL_I, "************************MeshPair %s ends training************************\n",
          mp->meshkey);
     mp->txcs_count = 0;
@@ -62,8 +65,10 @@ void train_every_pair(cycle_state* s) {
 cycle_next train_once(cycle_state* s) {
   ZLOG(COMP_CORE, LVL_U, "Training triggered by argument\n");
   s->rx_update = 0;
+  zunta_pass_begin(coordinator->mesh_pair_count, s->opts->parallel_training != 0);
   if (!s->opts->parallel_training || !zunta_train_in_groups(s, true)) train_every_pair(s);
   zunta_select_and_apply_patterns(s);
+  zunta_pass_end();
   zunta_snapshot_info(coordinator, s->opts);
   ZLOG(COMP_CORE, LVL_U, "Training ends\n");
   s->training_needed = 0;

@@ -22,6 +22,7 @@
 #include "core/text.h"
 #include "meshpair/meshpair.h"
 #include "registry/ath.h"
+#include "training/pass.h"
 #include "training/training.h"
 
 namespace {
@@ -193,7 +194,9 @@ void train_one_at_a_time(cycle_state* s) {
     if (mp->trained == 1) continue;
     ZLOG(COMP_CORE, LVL_I, "MeshPair %s starts training\n", mp->meshkey);
     print_systime(coordinator->last_training);
+    zunta_pass_pair_begins(mp);
     zunta_mp_training(mp, command);
+    zunta_pass_pair_ends(mp, mp->trained != 1);
     mp->txcs_count = 0;
     ZLOG(COMP_CORE, LVL_I, "MeshPair %s ends training\n", mp->meshkey);
     s->rx_update = 1;
@@ -208,8 +211,14 @@ void train_one_at_a_time(cycle_state* s) {
 void training_pass(cycle_state* s) {
   ZLOG(COMP_CORE, LVL_U, "Training triggered for new mesh pair\n");
   s->rx_update = 0;
+  int32_t untrained = 0;
+  sa_list_for_each_entry(mp, &coordinator->mesh_pair_list, mesh_pair, list) {
+    if (mp->trained != 1) ++untrained;
+  }
+  zunta_pass_begin(untrained, s->opts->parallel_training != 0);
   if (!s->opts->parallel_training || !zunta_train_in_groups(s, false)) train_one_at_a_time(s);
   zunta_select_and_apply_patterns(s);
+  zunta_pass_end();
   ZLOG(COMP_CORE, LVL_U, "Training ends\n");
   if (s->training_state == TRAINING_STATE_FIRST_PENDING) s->training_state = TRAINING_STATE_FIRST_DONE;
   s->training_needed = 0;
@@ -295,8 +304,11 @@ bool zunta_train_in_groups(cycle_state* s, bool every) {
     for (int32_t i = 0; i < size; ++i)
       ZLOG(COMP_CORE, LVL_I, "MeshPair %s starts training\n", members[i]->meshkey);
     print_systime(coordinator->last_training);
+    for (int32_t i = 0; i < size; ++i)
+      zunta_pass_pair_begins(members[i]);
     zunta_mp_group_training(members.get(), size, command);
     for (int32_t i = 0; i < size; ++i) {
+      zunta_pass_pair_ends(members[i], members[i]->trained != 1);
       members[i]->txcs_count = 0;
       ZLOG(COMP_CORE, LVL_I, "MeshPair %s ends training\n", members[i]->meshkey);
     }

@@ -121,9 +121,61 @@ timeval zunta_scaled_timeval(int64_t us) {
   return tv;
 }
 
-void zunta_pause_us(int64_t us) {
-  int64_t scaled = zunta_scaled_us(us);
-  timespec left{static_cast<time_t>(scaled / 1000000), static_cast<long>((scaled % 1000000) * 1000)};
+namespace {
+
+constexpr int64_t NO_TASK_DUE_US = INT64_C(1) << 62;
+
+struct wait_task_slot {
+  wait_task task;
+  int64_t period_us;
+  int64_t last_us;  // monotonic time of the last run, or of the set-up
+};
+wait_task_slot g_wait_task = {nullptr, 0, 0};
+bool g_in_wait_task = false;  // the task itself may wait; it is never re-entered
+
+int64_t monotonic_now_us() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+}
+
+void sleep_us(int64_t us) {
+  if (us <= 0) return;
+  timespec left{static_cast<time_t>(us / 1000000), static_cast<long>((us % 1000000) * 1000)};
   while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+  }
+}
+
+}  // namespace
+
+void zunta_set_wait_task(wait_task task, int64_t period_us) {
+  g_wait_task = {task, period_us > 0 ? period_us : 1, monotonic_now_us()};
+}
+
+void zunta_wait_tick() {
+  if (g_wait_task.task == nullptr || g_in_wait_task) return;
+  const int64_t now = monotonic_now_us();
+  if (now - g_wait_task.last_us < g_wait_task.period_us) return;
+  g_wait_task.last_us = now;
+  g_in_wait_task = true;
+  g_wait_task.task();
+  g_in_wait_task = false;
+}
+
+int64_t zunta_wait_tick_due_in_us() {
+  if (g_wait_task.task == nullptr || g_in_wait_task) return NO_TASK_DUE_US;
+  const int64_t due = g_wait_task.last_us + g_wait_task.period_us - monotonic_now_us();
+  return due > 0 ? due : 0;
+}
+
+void zunta_pause_us(int64_t us) {
+  // The pause ends at a fixed monotonic time, whatever the task costs on the way.
+  const int64_t end = monotonic_now_us() + zunta_scaled_us(us);
+  for (;;) {
+    const int64_t left = end - monotonic_now_us();
+    if (left <= 0) return;
+    const int64_t due = zunta_wait_tick_due_in_us();
+    sleep_us(left < due ? left : due);
+    zunta_wait_tick();
   }
 }

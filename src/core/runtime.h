@@ -37,4 +37,16 @@ uint32_t zunta_scaled_ms(uint32_t ms);
 timeval zunta_scaled_timeval(int64_t us);
 void zunta_pause_us(int64_t us);
 
+// A task run from inside the long waits (the pauses, and the exchange loop of the command channel),
+// at most once per `period_us` of real time, so that what the daemon publishes stays fresh while it
+// blocks in a training pass. One task at a time; a null task removes it. Waits that block for a
+// long time call zunta_wait_tick() whenever they wake and never sleep longer than
+// zunta_wait_tick_due_in_us() at a stretch.
+using wait_task = void (*)();
+void zunta_set_wait_task(wait_task task, int64_t period_us);
+// Runs the task when its period has passed since it last ran (or was set).
+void zunta_wait_tick();
+// Microseconds until the task is due; a large value when there is none.
+int64_t zunta_wait_tick_due_in_us();
+
 #endif  // ZUNTA_CORE_RUNTIME_H_

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/clock.h"
 #include "core/log.h"
 
 namespace {
@@ -186,6 +187,9 @@ int zunta_trained_mesh_pair_add(mesh_tables* coordinator, mesh_pair* mp) {
   zunta_copy_text(tp->left_ip, mp->left_ip);
   zunta_copy_text(tp->right_ip, mp->right_ip);
   tp->active = 1;
+  timeval now{};
+  zunta_wall_time(&now);
+  tp->trained_at = static_cast<int64_t>(now.tv_sec);
   sa_list_add(&tp->list, &coordinator->trained_mesh_pair_list);
   coordinator->trained_mesh_pair_count++;
   ZLOG(COMP_MP, LVL_I, "Trained mesh pair added: %s\n", tp->meshkey);

@@ -56,7 +56,8 @@ struct trained_mesh_pair {
   int32_t left_tx_pattern;
   int32_t right_tx_pattern;
   uint8_t trained;
-  txcs_block* txcs;  // owned copy of the mesh pair's block
+  txcs_block* txcs;    // owned copy of the mesh pair's block
+  int64_t trained_at;  // wall-clock seconds when the copy was made (when its training ended)
 };
 
 static_assert(std::is_trivial_v<mesh_link> && std::is_standard_layout_v<mesh_link>);
