@@ -18,8 +18,8 @@ using ::testing::Not;
 constexpr char B[] = "0a:5a:00:00:00:02";
 constexpr char C[] = "0a:5a:00:00:00:03";
 constexpr char D[] = "0a:5a:00:00:00:04";
-constexpr char TIME_SCALE[] = "0.02";  // a 6-s round in 120 ms, the agents' 3-s time-out 60 ms
-constexpr int MARKER_GAP_MS = 10;
+constexpr char TIME_SCALE[] = "0.01";  // a 6-s round in 60 ms, the agents' 3-s time-out 30 ms
+constexpr int MARKER_GAP_MS = 5;
 
 // Each node prefers one pattern, so the chosen patterns are no accident of a zero-filled block.
 constexpr char TWO_NODES[] = R"(
