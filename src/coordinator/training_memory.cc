@@ -1,6 +1,6 @@
-// Reading and writing the training memory file. The reader takes a file only when it is whole and
-// every value in it is one the writer could have written; the writer checks each record by the same
-// rules, so it never leaves a file that the reader would refuse.
+// Reading the training memory file, and the rules of its values. The reader takes a file only when
+// it is whole and every value in it is one the writer could have written; the writer keeps only
+// records that pass the same rules, so it never leaves a file that the reader would refuse.
 #include "coordinator/training_memory.h"
 
 #include <arpa/inet.h>
@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cinttypes>
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
@@ -17,22 +16,14 @@
 #include <cstring>
 #include <memory>
 
-#include "core/atomic_file.h"
 #include "core/checksum.h"
-#include "core/clock.h"
 #include "core/fd.h"
 #include "core/log.h"
 #include "meshpair/meshpair.h"
-#include "registry/ath.h"
 #include "training/training.h"
 
 namespace {
 
-constexpr char MEMORY_MAGIC[] = "zunta training memory ";
-constexpr char CHECKSUM_TAG[] = "crc32 ";
-constexpr std::size_t CHECKSUM_DIGITS = 8;
-constexpr std::size_t CHECKSUM_LINE_SIZE = sizeof CHECKSUM_TAG - 1 + CHECKSUM_DIGITS + 1;  // with '\n'
-constexpr std::size_t MEMORY_LINE_SIZE = 192;  // longer than any line the writer makes
 constexpr int MAX_FIELDS = 12;
 
 struct free_deleter {
@@ -40,17 +31,6 @@ struct free_deleter {
 };
 
 // --- Values, checked alike before writing and when reading ---
-
-// Six lower-case hexadecimal bytes joined by ':', as the registry keeps node MACs.
-bool mac_valid(const char* text) {
-  if (std::strlen(text) != MAC_TEXT_SIZE - 1) return false;
-  for (std::size_t i = 0; i < MAC_TEXT_SIZE - 1; ++i) {
-    const char c = text[i];
-    const bool ok = i % 3 == 2 ? c == ':' : (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
-    if (!ok) return false;
-  }
-  return true;
-}
 
 bool ip_valid(const char* text) {
   in_addr parsed{};
@@ -74,16 +54,6 @@ bool rounds_valid(const txcs_block& txcs) {
     }
   }
   return true;
-}
-
-// A trained pair is remembered only when its patterns can be applied and every value survives the
-// file; any other is trained again after a restart.
-bool pair_rememberable(const trained_mesh_pair* tp) {
-  return tp->trained == 1 && tp->txcs != nullptr && tp->radioidx == TRAINING_RADIO_INDEX &&
-         zunta_pattern_valid(tp->left_tx_pattern) && zunta_pattern_valid(tp->right_tx_pattern) &&
-         mac_valid(tp->left_mac) && mac_valid(tp->right_mac) && ip_valid(tp->left_ip) &&
-         ip_valid(tp->right_ip) && key_matches(tp->meshkey, tp->left_mac, tp->right_mac) &&
-         tp->trained_at >= 0 && rounds_valid(*tp->txcs);
 }
 
 // --- Reading ---
@@ -179,9 +149,10 @@ bool read_pair(reader& r, const training_memory& m, remembered_pair& p) {
   if (!take_fields(r, "pair", 9, line, f)) return false;
   const bool ok = zunta_copy_text(p.meshkey, f[1]) && zunta_copy_text(p.left_mac, f[2]) &&
                   zunta_copy_text(p.left_ip, f[3]) && zunta_copy_text(p.right_mac, f[4]) &&
-                  zunta_copy_text(p.right_ip, f[5]) && mac_valid(p.left_mac) && mac_valid(p.right_mac) &&
-                  ip_valid(p.left_ip) && ip_valid(p.right_ip) && int_field(f[6], 0, 3, &p.left_tx_pattern) &&
-                  int_field(f[7], 0, 3, &p.right_tx_pattern) && seconds_field(f[8], &p.trained_at);
+                  zunta_copy_text(p.right_ip, f[5]) && zunta_memory_mac_valid(p.left_mac) &&
+                  zunta_memory_mac_valid(p.right_mac) && ip_valid(p.left_ip) && ip_valid(p.right_ip) &&
+                  int_field(f[6], 0, 3, &p.left_tx_pattern) && int_field(f[7], 0, 3, &p.right_tx_pattern) &&
+                  seconds_field(f[8], &p.trained_at);
   if (!ok) return fail(r, "line %d: pair out of range", r.line);
   if (!key_matches(p.meshkey, p.left_mac, p.right_mac))
     return fail(r, "line %d: key is not its two MACs", r.line);
@@ -198,7 +169,8 @@ bool read_node(reader& r, const training_memory& m, remembered_node& n) {
   char line[MEMORY_LINE_SIZE];
   char* f[MAX_FIELDS];
   if (!take_fields(r, "node", 3, line, f)) return false;
-  if (!zunta_copy_text(n.mac, f[1]) || !mac_valid(n.mac) || !int_field(f[2], 0, 3, &n.rx_pattern))
+  if (!zunta_copy_text(n.mac, f[1]) || !zunta_memory_mac_valid(n.mac) ||
+      !int_field(f[2], 0, 3, &n.rx_pattern))
     return fail(r, "line %d: node out of range", r.line);
   for (int32_t i = 0; i < m.node_count; ++i) {
     if (zunta_text_equal(m.nodes[i].mac, n.mac)) return fail(r, "line %d: duplicate node", r.line);
@@ -313,101 +285,6 @@ int read_memory_file(const char* path, std::unique_ptr<char, free_deleter>* text
   return 1;
 }
 
-// --- Writing ---
-
-// Lines go out through here, so the checksum and the size cover exactly what was written.
-struct writer {
-  std::FILE* out;
-  uint32_t crc;
-  std::size_t bytes;
-  bool cut;
-};
-
-void emit(writer& w, const char* format, ...) __attribute__((format(printf, 2, 3)));
-void emit(writer& w, const char* format, ...) {
-  char line[MEMORY_LINE_SIZE];
-  va_list args;
-  va_start(args, format);
-  const bool whole = zunta_vformat_text(line, sizeof line, format, args);
-  va_end(args);
-  if (!whole) w.cut = true;
-  const std::size_t len = std::strlen(line);
-  w.crc = zunta_crc32(w.crc, line, len);
-  w.bytes += len;
-  std::fputs(line, w.out);
-}
-
-void emit_pair(writer& w, const trained_mesh_pair* tp) {
-  emit(w, "pair %s %s %s %s %s %d %d %" PRId64 "\n", tp->meshkey, tp->left_mac, tp->left_ip, tp->right_mac,
-       tp->right_ip, tp->left_tx_pattern, tp->right_tx_pattern, tp->trained_at);
-  for (int32_t i = 0; i < TXCS_ROUNDS; ++i) {
-    const txcs_record& r = tp->txcs->rounds[i];
-    // Nine significant digits give back the same float.
-    emit(w, "round %d %d %d %.9g %.9g %.9g %.9g %d %d %d %d\n", i, r.left_pattern, r.right_pattern,
-         static_cast<double>(r.left_avg_bitrate), static_cast<double>(r.right_avg_bitrate),
-         static_cast<double>(r.left_avg_bitrate_ma), static_cast<double>(r.right_avg_bitrate_ma),
-         r.left_nframes, r.right_nframes, r.left_nfeedback, r.right_nfeedback);
-  }
-}
-
-// The trained pairs to remember, newest first, each key once.
-int32_t choose_pairs(mesh_tables* tables, const trained_mesh_pair** chosen, int32_t room) {
-  int32_t n = 0;
-  sa_list_for_each_entry(tp, &tables->trained_mesh_pair_list, trained_mesh_pair, list) {
-    if (n == room || !pair_rememberable(tp)) continue;
-    bool seen = false;
-    for (int32_t i = 0; i < n && !seen; ++i)
-      seen = zunta_text_equal(chosen[i]->meshkey, tp->meshkey);
-    if (!seen) chosen[n++] = tp;
-  }
-  return n;
-}
-
-// The mesh nodes with a chosen receive pattern, each MAC once.
-int32_t choose_nodes(mesh_tables* tables, const ath** chosen, int32_t room) {
-  int32_t n = 0;
-  sa_list_for_each_entry(a, &tables->ath_list, ath, list) {
-    if (n == room || a->is_mesh_node != 1 || !zunta_pattern_valid(a->rx_pattern) || !mac_valid(a->mac))
-      continue;
-    bool seen = false;
-    for (int32_t i = 0; i < n && !seen; ++i)
-      seen = zunta_text_equal(chosen[i]->mac, a->mac);
-    if (!seen) chosen[n++] = a;
-  }
-  return n;
-}
-
-int write_document(const char* path, const trained_mesh_pair* const* pairs, int32_t pair_count,
-                   const ath* const* nodes, int32_t node_count) {
-  replacement_file file;
-  if (file.open(path) != 0) {
-    ZLOG_AS("zunta_training_memory_save", COMP_CORE, LVL_E, "Cannot write training memory %s: %s\n", path,
-            std::strerror(errno));
-    return -1;
-  }
-  timeval now{};
-  zunta_wall_time(&now);
-  writer w{file.stream(), CRC32_START, 0, false};
-  emit(w, "%s%d\n", MEMORY_MAGIC, TRAINING_MEMORY_VERSION);
-  emit(w, "saved %" PRId64 " pairs %d nodes %d\n", static_cast<int64_t>(now.tv_sec), pair_count, node_count);
-  for (int32_t i = 0; i < pair_count; ++i)
-    emit_pair(w, pairs[i]);
-  for (int32_t i = 0; i < node_count; ++i)
-    emit(w, "node %s %d\n", nodes[i]->mac, nodes[i]->rx_pattern);
-  if (w.cut || w.bytes + CHECKSUM_LINE_SIZE > TRAINING_MEMORY_MAX_BYTES) {
-    ZLOG_AS("zunta_training_memory_save", COMP_CORE, LVL_E, "Training memory %s not written: too large\n",
-            path);
-    return -1;
-  }
-  std::fprintf(w.out, "%s%08" PRIx32 "\n", CHECKSUM_TAG, w.crc);
-  if (file.commit(true) != 0) {
-    ZLOG_AS("zunta_training_memory_save", COMP_CORE, LVL_E, "Cannot write training memory %s: %s\n", path,
-            std::strerror(errno));
-    return -1;
-  }
-  return 0;
-}
-
 }  // namespace
 
 training_memory* zunta_training_memory_parse(const char* text, std::size_t size,
@@ -455,28 +332,21 @@ void zunta_training_memory_free(training_memory* memory) {
   std::free(memory);
 }
 
-int zunta_training_memory_save(const char* path, mesh_tables* tables) {
-  if (path == nullptr || path[0] == '\0') return 0;
-  if (tables == nullptr) {
-    ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for coordinator\n");
-    return -1;
+bool zunta_memory_mac_valid(const char* text) {
+  if (std::strlen(text) != MAC_TEXT_SIZE - 1) return false;
+  for (std::size_t i = 0; i < MAC_TEXT_SIZE - 1; ++i) {
+    const char c = text[i];
+    const bool ok = i % 3 == 2 ? c == ':' : (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
+    if (!ok) return false;
   }
-  const int32_t pair_room = tables->trained_mesh_pair_count < TRAINING_MEMORY_MAX_PAIRS
-                                ? tables->trained_mesh_pair_count
-                                : TRAINING_MEMORY_MAX_PAIRS;
-  const int32_t node_room =
-      tables->ath_count < TRAINING_MEMORY_MAX_NODES ? tables->ath_count : TRAINING_MEMORY_MAX_NODES;
-  std::unique_ptr<const trained_mesh_pair*[], free_deleter> pairs(static_cast<const trained_mesh_pair**>(
-      std::calloc(pair_room > 0 ? pair_room : 1, sizeof(trained_mesh_pair*))));
-  std::unique_ptr<const ath*[], free_deleter> nodes(
-      static_cast<const ath**>(std::calloc(node_room > 0 ? node_room : 1, sizeof(ath*))));
-  if (!pairs || !nodes) {
-    ZLOG(COMP_CORE, LVL_E, "Memory allocation error for the training memory\n");
-    return -1;
-  }
-  const int32_t pair_count = choose_pairs(tables, pairs.get(), pair_room > 0 ? pair_room : 0);
-  const int32_t node_count = choose_nodes(tables, nodes.get(), node_room > 0 ? node_room : 0);
-  if (write_document(path, pairs.get(), pair_count, nodes.get(), node_count) != 0) return -1;
-  ZLOG(COMP_CORE, LVL_I, "Training memory %s saved: %d pairs, %d nodes\n", path, pair_count, node_count);
-  return 0;
+  return true;
+}
+
+bool zunta_memory_pair_keepable(const trained_mesh_pair* tp) {
+  return tp->trained == 1 && tp->txcs != nullptr && tp->radioidx == TRAINING_RADIO_INDEX &&
+         zunta_pattern_valid(tp->left_tx_pattern) && zunta_pattern_valid(tp->right_tx_pattern) &&
+         zunta_memory_mac_valid(tp->left_mac) && zunta_memory_mac_valid(tp->right_mac) &&
+         ip_valid(tp->left_ip) && ip_valid(tp->right_ip) &&
+         key_matches(tp->meshkey, tp->left_mac, tp->right_mac) && tp->trained_at >= 0 &&
+         rounds_valid(*tp->txcs);
 }

@@ -23,6 +23,7 @@
 
 struct coordinator;
 struct mesh_tables;
+struct trained_mesh_pair;
 
 constexpr int32_t TRAINING_MEMORY_VERSION = 1;
 // Bounds of a file we read: about 2.6 KiB per pair at most, and a 250-node mesh has about 500 pairs.
@@ -30,6 +31,11 @@ constexpr std::size_t TRAINING_MEMORY_MAX_BYTES = 8 * 1024 * 1024;
 constexpr int32_t TRAINING_MEMORY_MAX_PAIRS = 2048;
 constexpr int32_t TRAINING_MEMORY_MAX_NODES = 4096;
 constexpr std::size_t TRAINING_MEMORY_REASON_SIZE = 96;
+constexpr char MEMORY_MAGIC[] = "zunta training memory ";  // and the version
+constexpr char CHECKSUM_TAG[] = "crc32 ";
+constexpr std::size_t CHECKSUM_DIGITS = 8;
+constexpr std::size_t CHECKSUM_LINE_SIZE = sizeof CHECKSUM_TAG - 1 + CHECKSUM_DIGITS + 1;  // with '\n'
+constexpr std::size_t MEMORY_LINE_SIZE = 192;  // longer than any line the writer makes
 
 // A trained pair as the file keeps it. Only pairs trained on the measured radio, with both transmit
 // patterns and every round's patterns in 0..3, are remembered.
@@ -59,6 +65,13 @@ struct training_memory {
   remembered_pair* pairs;  // owned, pair_count records
   remembered_node* nodes;  // owned, node_count records
 };
+
+// Six lower-case hexadecimal bytes joined by ':', as the registry keeps node MACs.
+bool zunta_memory_mac_valid(const char* text);
+// A trained pair the memory keeps: trained on the measured radio, both transmit patterns and every
+// round's patterns in 0..3, finite bitrates, well-formed MACs and IPs, the key its two MACs. Any
+// other is trained again after a restart. The reader takes nothing else.
+bool zunta_memory_pair_keepable(const trained_mesh_pair* tp);
 
 // Reads a whole memory document of `size` bytes. Returns a new record (free it with
 // zunta_training_memory_free), or null with the reason in `reason` when the document is not one
