@@ -169,6 +169,7 @@ TEST_F(TrainingMemoryScenario, RestartAppliesRememberedPatternsAndTrainsOnlyWhat
     sim_.clear_records();
     start_daemon({"-e"}, TIME_SCALE);
     ASSERT_TRUE(wait_commands("", 4, 1));
+    ASSERT_TRUE(daemon_->wait_for_output(" ignored: ", E2E_WAIT_MS)) << daemon_->out();
     const std::string out = daemon_->out();
     EXPECT_THAT(out, HasSubstr("Training memory " + memory() + " ignored: " + d.reason));
     EXPECT_EQ(1, count_of(out, " ZUNTA:W:")) << out;
