@@ -102,4 +102,8 @@ include(CPack)
 
 if(ZUNTA_TESTS_ENABLED)
   add_test(NAME packaging_lint COMMAND sh ${ZUNTA_PACKAGING_DIR}/lint.sh)
+  # The daemon runs under the emulator in a cross build.
+  add_test(NAME packaging_unit COMMAND sh ${ZUNTA_PACKAGING_DIR}/unit-check.sh $<TARGET_FILE:zunta-coord>
+                                       ${CMAKE_CROSSCOMPILING_EMULATOR})
+  add_test(NAME packaging_openwrt_init COMMAND sh ${ZUNTA_PACKAGING_DIR}/openwrt/init-check.sh)
 endif()
