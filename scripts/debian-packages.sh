@@ -10,6 +10,8 @@ DEMO_PACKAGES=(cmake make g++ iproute2 util-linux)
 # (clang 14 and its libFuzzer runtime), and the benchmarks' library.
 TEST_PACKAGES=("${DEMO_PACKAGES[@]}" libgtest-dev libgmock-dev libbenchmark-dev clang-14
   libclang-rt-14-dev groff-base mandoc systemd)
+# fuzz.sh: the harnesses, built with clang 14 and its libFuzzer runtime.
+FUZZ_PACKAGES=(cmake make clang-14 libclang-rt-14-dev util-linux)
 # test.sh --arm: the cross compiler, qemu, and GoogleTest's sources (built with the cross compiler:
 # Debian's armhf GoogleTest uses a 32-bit time_t).
 ARM_TEST_PACKAGES=(cmake make iproute2 util-linux g++-arm-linux-gnueabihf qemu-user googletest
