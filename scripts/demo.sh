@@ -82,7 +82,7 @@ build() {
   if [[ ! -f $BUILD_DIR/CMakeCache.txt ]]; then
     cmake -S "$ROOT" -B "$BUILD_DIR" -DZUNTA_BUILD_TESTS=OFF -DZUNTA_BUILD_BENCH=OFF >/dev/null
   fi
-  cmake --build "$BUILD_DIR" --target zunta-coord zunta-meshsim -j2 | grep -v '^\[' || true
+  cmake --build "$BUILD_DIR" --target zunta-coord zunta-meshsim -j2 | grep -v '^\[\|^-- ' || true
 }
 
 start_simulator() {
