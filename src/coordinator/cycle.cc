@@ -17,6 +17,7 @@
 #include "coordinator/options.h"
 #include "coordinator/schedule.h"
 #include "coordinator/snapshot.h"
+#include "coordinator/status_json.h"
 #include "core/log.h"
 #include "core/runtime.h"
 #include "core/text.h"
@@ -59,6 +60,7 @@ bool start_up(cycle_state* s) {
     return false;
   }
   s->training_needed = 1;
+  zunta_status_json_watch(s->opts);
   zunta_snapshot_info(coordinator, s->opts);
   return true;
 }
@@ -99,6 +101,7 @@ struct kept_rx {
   char mac[MAC_TEXT_SIZE];
   int32_t eth_index;
   int32_t rx_pattern;
+  uint8_t rx_chosen;
 };
 struct free_deleter {
   void operator()(void* p) const { std::free(p); }
@@ -121,6 +124,7 @@ kept_rx_table keep_rx_patterns(int32_t* count) {
     zunta_copy_text(k.mac, a->mac);
     k.eth_index = a->eth_index;
     k.rx_pattern = a->rx_pattern;
+    k.rx_chosen = a->rx_chosen;
   }
   return kept;
 }
@@ -130,6 +134,7 @@ void restore_rx_patterns(const kept_rx_table& kept, int32_t count) {
     for (int32_t i = 0; i < count; ++i) {
       if (kept[i].eth_index == a->eth_index && zunta_text_equal(kept[i].mac, a->mac)) {
         a->rx_pattern = kept[i].rx_pattern;
+        a->rx_chosen = kept[i].rx_chosen;
         break;
       }
     }
@@ -260,6 +265,7 @@ cycle_next run_cycle(cycle_state* s) {
 }
 
 int exit_path(cycle_state* s) {
+  zunta_status_json_unwatch();
   std::free(s->opts);
   s->opts = nullptr;
   master_free();

@@ -9,6 +9,7 @@
 
 #include "coordinator/coordinator.h"
 #include "coordinator/options.h"
+#include "coordinator/status_json.h"
 #include "core/atomic_file.h"
 #include "core/clock.h"
 #include "core/log.h"
@@ -51,22 +52,11 @@ void write_pair(std::FILE* file, struct coordinator* coordinator, trained_mesh_p
   std::fprintf(file, "    },\n");
 }
 
-}  // namespace
-
-int zunta_snapshot_info(struct coordinator* coordinator, const options* opts) {
-  ZLOG(COMP_CORE, LVL_I, "snapshot\n");
-  if (coordinator == nullptr) {
-    ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for Coordinator\n");
-    return -1;
-  }
-  if (opts == nullptr) {
-    ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for options\n");
-    return -1;
-  }
-  // Readers find the previous document until the new one is complete.
+// Readers find the previous document until the new one is complete.
+int write_snapshot(struct coordinator* coordinator, const options* opts) {
   replacement_file file;
   if (file.open(zunta_snapshot_path()) != 0) {
-    ZLOG(COMP_CORE, LVL_E, "ERROR opening file %s!\n", zunta_snapshot_path());
+    ZLOG_AS("zunta_snapshot_info", COMP_CORE, LVL_E, "ERROR opening file %s!\n", zunta_snapshot_path());
     return -1;
   }
   char now[TIME_TEXT_SIZE];
@@ -85,8 +75,27 @@ int zunta_snapshot_info(struct coordinator* coordinator, const options* opts) {
   std::fprintf(out, "  ]\n");
   std::fprintf(out, "}\n");
   if (file.commit() != 0) {
-    ZLOG(COMP_CORE, LVL_E, "ERROR writing file %s: %s\n", zunta_snapshot_path(), std::strerror(errno));
+    ZLOG_AS("zunta_snapshot_info", COMP_CORE, LVL_E, "ERROR writing file %s: %s\n", zunta_snapshot_path(),
+            std::strerror(errno));
     return -1;
   }
   return 0;
+}
+
+}  // namespace
+
+int zunta_snapshot_info(struct coordinator* coordinator, const options* opts) {
+  ZLOG(COMP_CORE, LVL_I, "snapshot\n");
+  if (coordinator == nullptr) {
+    ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for Coordinator\n");
+    return -1;
+  }
+  if (opts == nullptr) {
+    ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for options\n");
+    return -1;
+  }
+  const int result = write_snapshot(coordinator, opts);
+  // The JSON document follows every status file, written or not; its failures are its own.
+  zunta_status_json_write(coordinator, opts);
+  return result;
 }
