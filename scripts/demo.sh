@@ -9,11 +9,14 @@
 #                                   is trained again); then the daemon is stopped
 #   scripts/demo.sh --parallel      a generated 64-node mesh on 127.0.64.x trained once in lock-step
 #                                   groups (parallel_training=true): pairs two hops apart share
-#                                   their rounds; the whole pass takes about two minutes
+#                                   their rounds; the whole pass takes about two minutes, and the
+#                                   status page shows it live on http://127.0.0.1:DEMO_PAGE_PORT/
+# Every mode ends by printing the path of a status page filled from its run (build/demo-page/).
 # Options:
 #   --keep                          keep the temporary directory (log, record, snapshot)
 #   --build-dir DIR                 build tree holding zunta-coord and zunta-meshsim (default build/)
-# Environment: DEMO_AGENT_PORT (default 12458), DEMO_DISCOVERY_PORT (default 12101).
+# Environment: DEMO_AGENT_PORT (default 12458), DEMO_DISCOVERY_PORT (default 12101), DEMO_PAGE_PORT
+# (default 18716).
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
@@ -27,7 +30,9 @@ DISCOVERY_PORT=${DEMO_DISCOVERY_PORT:-12101}
 TIME_SCALE=0.05
 TOPOLOGY=$ROOT/tools/meshsim/examples/four-nodes.topo
 
-usage() { sed -n '2,15p' "$0" | sed 's/^# \{0,1\}//'; }
+PAGE_PORT=${DEMO_PAGE_PORT:-18716}
+
+usage() { sed -n '2,19p' "$0" | sed 's/^# \{0,1\}//'; }
 
 while (($#)); do
   case $1 in
@@ -44,11 +49,12 @@ done
 SIM_PID=
 COORD_PID=
 SLEEP_PID=
+PAGE_PID=
 WORK=
 
 cleanup() {
   local pid
-  for pid in "$SLEEP_PID" "$COORD_PID" "$SIM_PID"; do
+  for pid in "$SLEEP_PID" "$COORD_PID" "$SIM_PID" "$PAGE_PID"; do
     if [[ -n $pid ]] && kill -0 "$pid" 2>/dev/null; then
       kill "$pid" 2>/dev/null || true
       wait "$pid" 2>/dev/null || true
@@ -80,6 +86,7 @@ install_tools() {
   command -v cmake >/dev/null || missing+=(cmake)
   command -v g++ >/dev/null || missing+=(g++)
   command -v make >/dev/null || missing+=(make)
+  if [[ $MODE == parallel ]]; then command -v python3 >/dev/null || missing+=(python3); fi
   if ((${#missing[@]})); then
     echo "demo: installing ${missing[*]}"
     as_root apt-get update
@@ -119,7 +126,7 @@ EOF
 }
 
 run_coordinator() {
-  env ZUNTA_CONF="$WORK/zunta.conf" ZUNTA_SNAPSHOT="$WORK/zunta-sa.log" \
+  env ZUNTA_CONF="$WORK/zunta.conf" ZUNTA_SNAPSHOT="$WORK/zunta-sa.log" ZUNTA_STATUS_JSON="$WORK/www/status.json" \
     ZUNTA_DUMP_FILE="$WORK/zunta-dump.log" ZUNTA_TRAINING_STATUS_FILE="$WORK/training_status.log" \
     ZUNTA_AGENT_PORT="$AGENT_PORT" ZUNTA_TIME_SCALE="$TIME_SCALE" \
     "$BUILD_DIR/zunta-coord" "$@" > >(tee "$WORK/coord.log") &
@@ -162,9 +169,35 @@ parallel_summary() {
   for n in n1 n2 n3 n4; do control "show $n" | cut -c1-160 || true; done
 }
 
+# The status page beside the daemon's JSON document, served on loopback: it refreshes itself.
+serve_page() {
+  python3 -m http.server "$PAGE_PORT" --bind 127.0.0.1 --directory "$WORK/www" >"$WORK/page.log" 2>&1 &
+  PAGE_PID=$!
+  echo "demo: watch the pass on the status page: http://127.0.0.1:$PAGE_PORT/ (it refreshes every 4 s)"
+}
+
+# A copy of the status page with the run's last document inside it, to open from the file system.
+fill_page() {
+  local out=$BUILD_DIR/demo-page
+  [[ -f $WORK/www/status.json ]] || return 0
+  mkdir -p "$out"
+  awk -v doc="$WORK/www/status.json" '
+    /<script type="application\/json" id="embedded-status"><\/script>/ {
+      print "<script type=\"application/json\" id=\"embedded-status\">"
+      while ((getline line < doc) > 0) { gsub(/<\//, "<\\/", line); print line }
+      print "</script>"
+      next
+    }
+    { print }' "$ROOT/packaging/www/index.html" >"$out/index.html"
+  cp "$WORK/www/status.json" "$out/zunta-status.json"
+  echo "demo: the status page of this run: $out/index.html (its document: $out/zunta-status.json)"
+}
+
 install_tools
 build
 WORK=$(mktemp -d /tmp/zunta-demo-XXXXXX)
+mkdir -p "$WORK/www"
+cp "$ROOT/packaging/www/index.html" "$WORK/www/index.html"
 if [[ $MODE == parallel ]]; then
   RANGE=127.0.64
   DISCOVERY_ADDRESS=$RANGE.255
@@ -176,6 +209,7 @@ write_config
 if [[ $MODE == parallel ]]; then
   echo "demo: generated mesh of 64 nodes on $RANGE.1-64, agents on port $AGENT_PORT, discovery at" \
     "$DISCOVERY_ADDRESS:$DISCOVERY_PORT; parallel_training=true"
+  serve_page
   started=$SECONDS
   status=0
   run_coordinator -1 >/dev/null
@@ -185,6 +219,7 @@ if [[ $MODE == parallel ]]; then
   grep -E 'Training (triggered|group|ends)' "$WORK/coord.log" | cut -c1-140
   parallel_summary
   echo "demo: the whole pass took $((SECONDS - started)) s at time scale $TIME_SCALE"
+  fill_page
   exit "$status"
 fi
 echo "demo: mesh of four nodes on $RANGE.1-4, agents on port $AGENT_PORT, discovery at $DISCOVERY_ADDRESS:$DISCOVERY_PORT"
@@ -195,6 +230,7 @@ if [[ $MODE == once ]]; then
   wait "$COORD_PID" || status=$?
   COORD_PID=
   summary
+  fill_page
   exit "$status"
 fi
 
@@ -212,4 +248,5 @@ kill "$COORD_PID" 2>/dev/null || true
 wait "$COORD_PID" 2>/dev/null || true
 COORD_PID=
 summary
+fill_page
 exit 0

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds zunta and runs every test: first the default build, then the sanitizer build, then a few
-# seconds of each fuzz harness over its seed corpus.
+# Builds zunta and runs every test: first the default build, then the sanitizer build, then the
+# status page in headless Chromium, then a few seconds of each fuzz harness over its seed corpus.
 # With --arm: cross-builds for 32-bit ARM instead and runs every test under qemu-arm.
 # Installs what is missing from Debian's packages first (as root, with apt-get).
 set -euo pipefail
@@ -33,7 +33,12 @@ else
   [ -f /usr/include/benchmark/benchmark.h ] || missing+=(libbenchmark-dev)
   command -v clang++-14 >/dev/null 2>&1 || missing+=(clang-14)
   compgen -G "/usr/lib/llvm-14/lib/clang/*/lib/linux/libclang_rt.fuzzer-*.a" >/dev/null || missing+=(libclang-rt-14-dev)
+  # The status page's browser.
+  command -v chromium-headless-shell >/dev/null 2>&1 || command -v chromium >/dev/null 2>&1 ||
+    missing+=(chromium-headless-shell)
 fi
+# The status document is read back by a real JSON parser and checked against its schema.
+/usr/bin/python3 -c 'import jsonschema' >/dev/null 2>&1 || missing+=(python3-jsonschema)
 if [ ${#missing[@]} -gt 0 ]; then
   echo "test.sh: installing ${missing[*]}"
   export DEBIAN_FRONTEND=noninteractive
@@ -66,6 +71,10 @@ if $arm; then
   echo "test.sh: ARM zunta-coord stripped: $(stat -c %s build-arm/zunta-coord.stripped) bytes, needs" \
     "$(arm-linux-gnueabihf-readelf -d build-arm/zunta-coord | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | tr '\n' ' ')"
 else
+  echo "== status page in headless Chromium =="
+  browser_started=$SECONDS
+  ctest --preset browser
+  echo "test.sh: status page checked in $((SECONDS - browser_started)) s; screenshots in build/browser/"
   echo "== fuzz smoke =="
   scripts/fuzz.sh 5
 fi

@@ -139,14 +139,22 @@ void write_end(std::FILE* out, const char* name, const char (&mac)[MAC_TEXT_SIZE
   std::fputs("}, ", out);
 }
 
+// Bitrates come from the agents' integers: whole numbers, written as such (the fast way, as the
+// document may be written several times a second with hundreds of pairs).
+long long kbps(float value) {
+  constexpr double LIMIT = 1e15;  // far beyond any 32-bit report, far inside a long long
+  const double v = static_cast<double>(value);
+  return std::isfinite(v) && std::fabs(v) < LIMIT ? std::llround(v) : 0;
+}
+
 // The measured rounds, each [left pattern, right pattern, left kbit/s, right kbit/s] (the moving
 // averages the training table prints), then the chosen round and its gain over the default round.
 void write_rounds(std::FILE* out, const txcs_block* block, int32_t measured, int32_t chosen) {
   std::fputs("\"rounds\": [", out);
   for (int32_t i = 0; i < measured; ++i) {
     const txcs_record& rec = block->rounds[i];
-    std::fprintf(out, "%s[%d, %d, %.0f, %.0f]", i > 0 ? ", " : "", rec.left_pattern, rec.right_pattern,
-                 static_cast<double>(rec.left_avg_bitrate_ma), static_cast<double>(rec.right_avg_bitrate_ma));
+    std::fprintf(out, "%s[%d, %d, %lld, %lld]", i > 0 ? ", " : "", rec.left_pattern, rec.right_pattern,
+                 kbps(rec.left_avg_bitrate_ma), kbps(rec.right_avg_bitrate_ma));
   }
   std::fputs("], \"chosen_round\": ", out);
   if (chosen < 0) {

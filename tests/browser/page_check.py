@@ -433,10 +433,10 @@ def run_case(name, args, schema, site, profile_root):
             check(p["stopped"] == 1, "the pass counts %d stopped pairs" % p["stopped"])
         else:
             notes.append("stopped-pair checks off until training stops pairs for a dead node")
-    return ("%s: %d pairs, %d nodes, %d documents caught and valid, %d gains match the log, progress %s; "
-            "%s; %.1f s%s" % (name, len(doc["pairs"]), len(doc["nodes"]), caught, gains,
-                              dom.progress.get("aria-valuenow"), shot, time.monotonic() - started,
-                              "; " + "; ".join(notes) if notes else ""))
+    return ("%s: %d pairs, %d nodes, %d documents caught and valid, %d gains match the log, progress %s %%, "
+            "document %d bytes rendered in %s ms; %s; %.1f s%s" %
+            (name, len(doc["pairs"]), len(doc["nodes"]), caught, gains, dom.progress.get("aria-valuenow"), len(text),
+             dom.body.get("data-render-ms"), shot, time.monotonic() - started, "; " + "; ".join(notes) if notes else ""))
 
 
 def main():
