@@ -141,10 +141,12 @@ void write_end(std::FILE* out, const char* name, const char (&mac)[MAC_TEXT_SIZE
 
 // Bitrates come from the agents' integers: whole numbers, written as such (the fast way, as the
 // document may be written several times a second with hundreds of pairs).
+// Rounded by hand: the daemon links nothing but the C library, not the maths library.
 long long kbps(float value) {
   constexpr double LIMIT = 1e15;  // far beyond any 32-bit report, far inside a long long
   const double v = static_cast<double>(value);
-  return std::isfinite(v) && std::fabs(v) < LIMIT ? std::llround(v) : 0;
+  if (!(v > -LIMIT && v < LIMIT)) return 0;  // NaN fails both
+  return static_cast<long long>(v < 0 ? v - 0.5 : v + 0.5);
 }
 
 // The measured rounds, each [left pattern, right pattern, left kbit/s, right kbit/s] (the moving

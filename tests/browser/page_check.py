@@ -351,10 +351,10 @@ def browser():
     raise Failure("no chromium-headless-shell or chromium")
 
 
-def chromium(url, profile, extra):
+def chromium(url, profile, extra, virtual_time=True):
     command = [browser(), "--headless", "--no-sandbox", "--disable-gpu", "--disable-background-networking",
                "--disable-component-update", "--disable-sync", "--no-first-run", "--user-data-dir=" + profile,
-               "--hide-scrollbars", "--virtual-time-budget=6000"] + extra + [url]
+               "--hide-scrollbars"] + (["--virtual-time-budget=6000"] if virtual_time else []) + extra + [url]
     return subprocess.run(command, capture_output=True, text=True, timeout=120)
 
 
@@ -395,6 +395,23 @@ def render_case(site, name, text, out, profile_root):
     return dom, console, doc, shot
 
 
+def render_ms(site, name, text, profile_root):
+    """The page's first render of the document, layout included, in real time: the clock stands
+    still under a virtual time budget, so the document goes inside a copy of the page, which renders
+    it while it loads."""
+    with open(PAGE) as f:
+        page = f.read()
+    tag = '<script type="application/json" id="embedded-status"></script>'
+    filled = tag[:-len("</script>")] + text.decode().replace("</", "<\\/") + "</script>"
+    with open(os.path.join(site.folder, name + "-filled.html"), "w") as f:
+        f.write(page.replace(tag, filled))
+    url = site.url(name).replace("index.html?doc=" + name, name + "-filled.html")
+    dumped = chromium(url, tempfile.mkdtemp(dir=profile_root), ["--dump-dom"], virtual_time=False)
+    found = re.search(r'data-render-ms="(\d+)"', dumped.stdout)
+    check(found is not None, "the page with the document inside did not render it")
+    return int(found.group(1))
+
+
 def run_case(name, args, schema, site, profile_root):
     started = time.monotonic()
     work = os.path.join(args.out, name)
@@ -411,6 +428,7 @@ def run_case(name, args, schema, site, profile_root):
         tables = log_tables(f.read())
     dom, console, doc, shot = render_case(site, name, text, args.out, profile_root)
     gains = check_page(dom, doc, tables, console)
+    took = render_ms(site, name, text, profile_root)
     p = doc["pass"]
     notes = []
     if name == "mesh64":
@@ -436,7 +454,7 @@ def run_case(name, args, schema, site, profile_root):
     return ("%s: %d pairs, %d nodes, %d documents caught and valid, %d gains match the log, progress %s %%, "
             "document %d bytes rendered in %s ms; %s; %.1f s%s" %
             (name, len(doc["pairs"]), len(doc["nodes"]), caught, gains, dom.progress.get("aria-valuenow"), len(text),
-             dom.body.get("data-render-ms"), shot, time.monotonic() - started, "; " + "; ".join(notes) if notes else ""))
+             took, shot, time.monotonic() - started, "; " + "; ".join(notes) if notes else ""))
 
 
 def main():
