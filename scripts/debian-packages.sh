@@ -6,16 +6,17 @@
 # demo.sh: the daemon and the simulator, built and run in a private network namespace.
 DEMO_PACKAGES=(cmake make g++ iproute2 util-linux)
 # test.sh: the default and sanitizer builds and their tests (GoogleTest; the packaging checks read
-# the manual pages with groff and mandoc and the unit with systemd-analyze), the fuzz smoke
-# (clang 14 and its libFuzzer runtime), and the benchmarks' library.
+# the manual pages with groff and mandoc and the unit with systemd-analyze; the status document is
+# read back by a real JSON parser and checked against its schema), the status page in headless
+# Chromium, the fuzz smoke (clang 14 and its libFuzzer runtime), and the benchmarks' library.
 TEST_PACKAGES=("${DEMO_PACKAGES[@]}" libgtest-dev libgmock-dev libbenchmark-dev clang-14
-  libclang-rt-14-dev groff-base mandoc systemd)
+  libclang-rt-14-dev groff-base mandoc systemd python3-jsonschema chromium-headless-shell)
 # fuzz.sh: the harnesses, built with clang 14 and its libFuzzer runtime.
 FUZZ_PACKAGES=(cmake make clang-14 libclang-rt-14-dev util-linux)
 # test.sh --arm: the cross compiler, qemu, and GoogleTest's sources (built with the cross compiler:
 # Debian's armhf GoogleTest uses a 32-bit time_t).
 ARM_TEST_PACKAGES=(cmake make iproute2 util-linux g++-arm-linux-gnueabihf qemu-user googletest
-  groff-base mandoc systemd)
+  groff-base mandoc systemd python3-jsonschema)
 # package.sh: both .deb files, Debian's build flags, lintian, the commit time of the tree.
 PACKAGE_PACKAGES=(cmake make g++ gzip dpkg-dev lintian git g++-arm-linux-gnueabihf)
 # fresh-check.sh: the minimal Debian root and the clone copied into it.

@@ -11,11 +11,14 @@
 #                                   is trained again); then the daemon is stopped
 #   scripts/demo.sh --parallel      a generated 64-node mesh on 127.0.64.x trained once in lock-step
 #                                   groups (parallel_training=true): pairs two hops apart share
-#                                   their rounds; the whole pass takes about two minutes
+#                                   their rounds; the whole pass takes about two minutes, and the
+#                                   status page shows it live on http://127.0.0.1:DEMO_PAGE_PORT/
+# Every mode ends by printing the path of a status page filled from its run (build/demo-page/).
 # Options:
 #   --keep                          keep the temporary directory (log, record, snapshot)
 #   --build-dir DIR                 build tree holding zunta-coord and zunta-meshsim (default build/)
-# Environment: DEMO_AGENT_PORT (default 12458), DEMO_DISCOVERY_PORT (default 12101).
+# Environment: DEMO_AGENT_PORT (default 12458), DEMO_DISCOVERY_PORT (default 12101), DEMO_PAGE_PORT
+# (default 18716).
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
@@ -32,7 +35,9 @@ DISCOVERY_PORT=${DEMO_DISCOVERY_PORT:-12101}
 TIME_SCALE=0.05
 TOPOLOGY=$ROOT/tools/meshsim/examples/four-nodes.topo
 
-usage() { sed -n '2,15p' "$0" | sed 's/^# \{0,1\}//'; }
+PAGE_PORT=${DEMO_PAGE_PORT:-18716}
+
+usage() { sed -n '2,19p' "$0" | sed 's/^# \{0,1\}//'; }
 
 while (($#)); do
   case $1 in
@@ -49,11 +54,12 @@ done
 SIM_PID=
 COORD_PID=
 SLEEP_PID=
+PAGE_PID=
 WORK=
 
 cleanup() {
   local pid
-  for pid in "$SLEEP_PID" "$COORD_PID" "$SIM_PID"; do
+  for pid in "$SLEEP_PID" "$COORD_PID" "$SIM_PID" "$PAGE_PID"; do
     if [[ -n $pid ]] && kill -0 "$pid" 2>/dev/null; then
       kill "$pid" 2>/dev/null || true
       wait "$pid" 2>/dev/null || true
@@ -113,7 +119,7 @@ EOF
 # prints, so the daemon's lines and the script's section headers come out in the order they
 # happened.
 run_coordinator() {
-  env ZUNTA_CONF="$WORK/zunta.conf" ZUNTA_SNAPSHOT="$WORK/zunta-sa.log" \
+  env ZUNTA_CONF="$WORK/zunta.conf" ZUNTA_SNAPSHOT="$WORK/zunta-sa.log" ZUNTA_STATUS_JSON="$WWW/status.json" \
     ZUNTA_DUMP_FILE="$WORK/zunta-dump.log" ZUNTA_TRAINING_STATUS_FILE="$WORK/training_status.log" \
     ZUNTA_AGENT_PORT="$AGENT_PORT" ZUNTA_TIME_SCALE="$TIME_SCALE" \
     "$BUILD_DIR/zunta-coord" "$@" >"$WORK/coord.log" &
@@ -180,14 +186,53 @@ parallel_summary() {
   for n in n1 n2 n3 n4; do control "show $n" | cut -c1-160 || true; done
 }
 
+# The status page beside the daemon's JSON document; with --parallel it is served on the host's
+# loopback (see below) and refreshes itself.
+serve_page() {
+  echo "demo: watch the pass on the status page: http://127.0.0.1:$PAGE_PORT/ (it refreshes every 4 s)"
+}
+
+# A copy of the status page with the run's last document inside it, to open from the file system.
+fill_page() {
+  local out=$BUILD_DIR/demo-page
+  [[ -f $WWW/status.json ]] || return 0
+  mkdir -p "$out"
+  awk -v doc="$WWW/status.json" '
+    /<script type="application\/json" id="embedded-status"><\/script>/ {
+      print "<script type=\"application/json\" id=\"embedded-status\">"
+      while ((getline line < doc) > 0) { gsub(/<\//, "<\\/", line); print line }
+      print "</script>"
+      next
+    }
+    { print }' "$ROOT/packaging/www/index.html" >"$out/index.html"
+  cp "$WWW/status.json" "$out/zunta-status.json"
+  echo "demo: the status page of this run: $out/index.html (its document: $out/zunta-status.json)"
+}
+
 if [[ -z ${ZUNTA_DEMO_ISOLATED:-} ]]; then
   zunta_install_packages demo "${DEMO_PACKAGES[@]}"
+  if [[ $MODE == parallel ]]; then zunta_install_packages demo python3; fi
   build
   trap - EXIT INT TERM
-  zunta_isolated demo env ZUNTA_DEMO_ISOLATED=1 bash "$0" "${ARGS[@]}"
-  exit
+  page_env=()
+  if [[ $MODE == parallel ]]; then
+    # The page is served outside the demo's private network namespace, on the host's loopback, so
+    # that a browser on this machine reaches it; the server shows only the folder that holds the
+    # page and the document the daemon writes.
+    WWW=$(mktemp -d /tmp/zunta-demo-www-XXXXXX)
+    cp "$ROOT/packaging/www/index.html" "$WWW/index.html"
+    python3 -m http.server "$PAGE_PORT" --bind 127.0.0.1 --directory "$WWW" >/dev/null 2>&1 &
+    PAGE_PID=$!
+    trap 'kill "$PAGE_PID" 2>/dev/null || true; rm -rf "$WWW"' EXIT
+    page_env=(ZUNTA_DEMO_WWW="$WWW")
+  fi
+  status=0
+  zunta_isolated demo env ZUNTA_DEMO_ISOLATED=1 "${page_env[@]}" bash "$0" "${ARGS[@]}" || status=$?
+  exit "$status"
 fi
 WORK=$(mktemp -d /tmp/zunta-demo-XXXXXX)
+WWW=${ZUNTA_DEMO_WWW:-$WORK/www}
+mkdir -p "$WWW"
 if [[ $MODE == parallel ]]; then
   RANGE=127.0.64
   DISCOVERY_ADDRESS=$RANGE.255
@@ -199,6 +244,7 @@ write_config
 if [[ $MODE == parallel ]]; then
   echo "demo: generated mesh of 64 nodes on $RANGE.1-64, agents on port $AGENT_PORT, discovery at" \
     "$DISCOVERY_ADDRESS:$DISCOVERY_PORT; parallel_training=true"
+  serve_page
   started=$SECONDS
   status=0
   run_coordinator -1
@@ -207,6 +253,7 @@ if [[ $MODE == parallel ]]; then
   grep -E 'Training (triggered|group|ends)' "$WORK/coord.log" | cut -c1-140
   parallel_summary
   echo "demo: the whole pass took $((SECONDS - started)) s at time scale $TIME_SCALE"
+  fill_page
   exit "$status"
 fi
 echo "demo: mesh of four nodes on $RANGE.1-4, agents on port $AGENT_PORT, discovery at $DISCOVERY_ADDRESS:$DISCOVERY_PORT"
@@ -216,6 +263,7 @@ if [[ $MODE == once ]]; then
   run_coordinator -1
   wait_coordinator || status=$?
   summary
+  fill_page
   exit "$status"
 fi
 
@@ -232,4 +280,5 @@ wait_output "Pattern Set for Mesh Pair" 11
 kill "$COORD_PID" 2>/dev/null || true
 wait_coordinator || true
 summary
+fill_page
 exit 0

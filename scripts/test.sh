@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds zunta and runs every test: first the default build, then the sanitizer build, then a few
-# seconds of each fuzz harness over its seed corpus.
+# Builds zunta and runs every test: first the default build, then the sanitizer build, then the
+# status page in headless Chromium, then a few seconds of each fuzz harness over its seed corpus.
 # With --arm: cross-builds for 32-bit ARM instead and runs every test under qemu-arm.
 # Installs what is missing from Debian's packages first (as root, see debian-packages.sh). The tests
 # run in a network namespace of their own in which only loopback is up; a run in which CTest finds
@@ -52,6 +52,10 @@ if $arm; then
   echo "test.sh: ARM zunta-coord stripped: $(stat -c %s build-arm/zunta-coord.stripped) bytes, needs" \
     "$(arm-linux-gnueabihf-readelf -d build-arm/zunta-coord | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | tr '\n' ' ')"
 else
+  echo "== status page in headless Chromium =="
+  browser_started=$SECONDS
+  zunta_isolated test.sh ctest --preset browser
+  echo "test.sh: status page checked in $((SECONDS - browser_started)) s; screenshots in build/browser/"
   echo "== fuzz smoke =="
   scripts/fuzz.sh 5
 fi

@@ -17,6 +17,7 @@
 #include "coordinator/options.h"
 #include "coordinator/schedule.h"
 #include "coordinator/snapshot.h"
+#include "coordinator/status_json.h"
 #include "coordinator/training_memory.h"
 #include "core/log.h"
 #include "core/runtime.h"
@@ -60,6 +61,7 @@ bool start_up(cycle_state* s) {
     return false;
   }
   s->training_needed = 1;
+  zunta_status_json_watch(s->opts);
   zunta_snapshot_info(coordinator, s->opts);
   // Options -0 to -3 act on the mesh as they find it, and -1 trains every pair whatever it knows.
   if (zunta_command_line_runs_cycle(s)) s->memory = zunta_training_memory_load(s->opts->training_memory);
@@ -102,6 +104,7 @@ struct kept_rx {
   char mac[MAC_TEXT_SIZE];
   int32_t eth_index;
   int32_t rx_pattern;
+  uint8_t rx_chosen;
 };
 struct free_deleter {
   void operator()(void* p) const { std::free(p); }
@@ -124,6 +127,7 @@ kept_rx_table keep_rx_patterns(int32_t* count) {
     zunta_copy_text(k.mac, a->mac);
     k.eth_index = a->eth_index;
     k.rx_pattern = a->rx_pattern;
+    k.rx_chosen = a->rx_chosen;
   }
   return kept;
 }
@@ -133,6 +137,7 @@ void restore_rx_patterns(const kept_rx_table& kept, int32_t count) {
     for (int32_t i = 0; i < count; ++i) {
       if (kept[i].eth_index == a->eth_index && zunta_text_equal(kept[i].mac, a->mac)) {
         a->rx_pattern = kept[i].rx_pattern;
+        a->rx_chosen = kept[i].rx_chosen;
         break;
       }
     }
@@ -289,6 +294,7 @@ cycle_next run_cycle(cycle_state* s) {
 }
 
 int exit_path(cycle_state* s) {
+  zunta_status_json_unwatch();
   zunta_training_memory_free(s->memory);
   s->memory = nullptr;
   std::free(s->opts);

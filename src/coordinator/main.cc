@@ -23,8 +23,9 @@ void print_usage() {
       "  --version       print the version and exit\n"
       "  -h, --help      print this text and exit\n"
       "Configuration file: %s\n"
-      "Status file: %s\n",
-      zunta_conf_path(), zunta_snapshot_path());
+      "Status file: %s\n"
+      "Status document (JSON): %s\n",
+      zunta_conf_path(), zunta_snapshot_path(), zunta_status_json_path());
 }
 
 }  // namespace

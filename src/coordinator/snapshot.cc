@@ -12,6 +12,7 @@
 
 #include "coordinator/coordinator.h"
 #include "coordinator/options.h"
+#include "coordinator/status_json.h"
 #include "core/atomic_file.h"
 #include "core/clock.h"
 #include "core/log.h"
@@ -68,25 +69,14 @@ void log_not_replaced(const char* path, int error) {
   ZLOG_AS("zunta_snapshot_info", COMP_CORE, LVL_E, "ERROR writing file %s: %s\n", path, std::strerror(error));
 }
 
-}  // namespace
-
-int zunta_snapshot_info(struct coordinator* coordinator, const options* opts) {
-  ZLOG(COMP_CORE, LVL_I, "snapshot\n");
-  if (coordinator == nullptr) {
-    ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for Coordinator\n");
-    return -1;
-  }
-  if (opts == nullptr) {
-    ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for options\n");
-    return -1;
-  }
-  // Readers find the previous document until the new one is complete.
+// Readers find the previous document until the new one is complete.
+int write_snapshot(struct coordinator* coordinator, const options* opts) {
   replacement_file file;
   if (file.open(zunta_snapshot_path()) != 0) {
     int error = errno;
-    ZLOG(COMP_CORE, LVL_E, "ERROR opening file %s!\n", zunta_snapshot_path());
-    ZLOG(COMP_CORE, LVL_E, "No new file for %s can be created in its directory: %s\n", zunta_snapshot_path(),
-         std::strerror(error));
+    ZLOG_AS("zunta_snapshot_info", COMP_CORE, LVL_E, "ERROR opening file %s!\n", zunta_snapshot_path());
+    ZLOG_AS("zunta_snapshot_info", COMP_CORE, LVL_E, "No new file for %s can be created in its directory: %s\n",
+            zunta_snapshot_path(), std::strerror(error));
     return -1;
   }
   char now[TIME_TEXT_SIZE];
@@ -109,4 +99,22 @@ int zunta_snapshot_info(struct coordinator* coordinator, const options* opts) {
     return -1;
   }
   return 0;
+}
+
+}  // namespace
+
+int zunta_snapshot_info(struct coordinator* coordinator, const options* opts) {
+  ZLOG(COMP_CORE, LVL_I, "snapshot\n");
+  if (coordinator == nullptr) {
+    ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for Coordinator\n");
+    return -1;
+  }
+  if (opts == nullptr) {
+    ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for options\n");
+    return -1;
+  }
+  const int result = write_snapshot(coordinator, opts);
+  // The JSON document follows every status file, written or not; its failures are its own.
+  zunta_status_json_write(coordinator, opts);
+  return result;
 }
