@@ -14,6 +14,7 @@ struct mesh_pair;
 struct mesh_tables;
 struct node_tables;
 struct trained_mesh_pair;
+struct txcs_block;
 
 constexpr int32_t PATTERN_COUNT = 4;
 constexpr int32_t DEFAULT_PATTERN = 3;
@@ -85,6 +86,9 @@ void zunta_mp_group_training(mesh_pair* const* pairs, int32_t count, char (&buff
 // of radio 2 whose reported patterns lie in 0..3 qualify; without one the patterns are kept.
 void zunta_compute_best_mp_training(trained_mesh_pair* tp);
 int32_t zunta_get_double_pattern_index(int32_t left_index, int32_t right_index);
+// The round whose reported patterns the selection above picks for a block of sixteen measured
+// rounds (the same rule, without its log lines), or -1 when none qualifies.
+int32_t zunta_best_round(const txcs_block* block, int32_t radioidx);
 
 // Scores every mesh node's receive patterns over its trained pairs and commands the best one.
 int zunta_compute_rx_antennas(mesh_tables* coordinator, char (&buffer)[COMMAND_SIZE]);
