@@ -22,6 +22,7 @@
 #include "core/text.h"
 #include "meshpair/meshpair.h"
 #include "registry/ath.h"
+#include "registry/unanswering.h"
 #include "training/pass.h"
 #include "training/training.h"
 
@@ -54,6 +55,7 @@ bool start_up(cycle_state* s) {
     return false;
   }
   ZLOG(COMP_CORE, LVL_I, "I am the root\n");
+  zunta_exchange_slots_init();
   if (zunta_coordinator_init(coordinator, s->opts) < 0) {
     ZLOG_AS("main", COMP_CORE, LVL_E, "Coordinator not initialized!\n");
     return false;
@@ -144,6 +146,7 @@ void rebuild(cycle_state* s) {
   ZLOG(COMP_CORE, LVL_I, "Size of broadcast_buffer: %d\n", static_cast<int>(std::strlen(g_broadcast_buffer)));
   if (s->new_broadcast == 1 && g_broadcast_buffer[0] != '\0') {
     ZLOG(COMP_CORE, LVL_I, "Flushing mesh pairs, ath and module client\n");
+    zunta_forget_unanswering_agents();
     int32_t kept_count = 0;
     kept_rx_table kept = keep_rx_patterns(&kept_count);
     zunta_flush_mesh_pairs(coordinator);
