@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -31,6 +32,8 @@ class daemon_process {
   // Waits for the exit and gives the exit status, or -1 when it did not exit in time.
   int wait_exit(int timeout_ms);
   void terminate();  // SIGTERM, then SIGKILL after a grace period; reaps the child
+  // Processor time (user and system) the child used, once it has been reaped.
+  int64_t cpu_ms() const { return cpu_ms_; }
   std::string out() const;
   std::string err() const;
 
@@ -39,6 +42,7 @@ class daemon_process {
 
   pid_t pid_ = -1;
   int status_ = -1;
+  int64_t cpu_ms_ = -1;
   bool reaped_ = false;
   mutable std::mutex mutex_;
   std::condition_variable changed_;

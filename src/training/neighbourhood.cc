@@ -1,23 +1,21 @@
-// Grouping of the pairs of a training pass into sets that can be measured at the same time: no
-// two pairs of a group are within two hops of each other.
+// The neighbourhoods of the pairs of a training pass: who hears whom, which pairs are within two
+// hops of each other, and the claims of the pairs that are training.
+#include "training/neighbourhood.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
 #include "core/list.h"
-#include "core/log.h"
+#include "core/text.h"
 #include "meshpair/meshpair.h"
 #include "registry/ath.h"
-#include "training/training.h"
 
 namespace {
 
-struct free_deleter {
-  void operator()(void* p) const { std::free(p); }
-};
 template <typename T>
-using heap_array = std::unique_ptr<T[], free_deleter>;
+using heap_array = pair_neighbourhoods::heap_array<T>;
 
 template <typename T>
 heap_array<T> allocate(std::size_t count) {
@@ -36,7 +34,7 @@ bool operator==(const mac_key& a, const mac_key& b) {
 
 // A MAC as a key: the text up to its NUL, in lower case, the rest of the width zero. Agents may
 // report a neighbour's MAC in upper case; it is the same node, and taking it for another would
-// put two neighbours in one group.
+// let two neighbours train at once.
 mac_key key_of(const char* mac) {
   mac_key k = {};
   for (std::size_t i = 0; i + 1 < MAC_TEXT_SIZE && mac[i] != '\0'; ++i) {
@@ -111,11 +109,9 @@ class mesh_graph {
     return at != end && *at == k ? static_cast<int32_t>(at - begin) : -1;
   }
 
-  template <typename F>
-  void for_each_adjacent(int32_t node, F f) const {
-    for (int32_t i = first_[node]; i < first_[node + 1]; ++i)
-      f(adjacent_[i]);
-  }
+  // Hands over the adjacency: node i's neighbours are adjacent[first[i] .. first[i + 1]).
+  heap_array<int32_t> take_first() { return std::move(first_); }
+  heap_array<int32_t> take_adjacent() { return std::move(adjacent_); }
 
  private:
   heap_array<mac_key> macs_;
@@ -126,53 +122,78 @@ class mesh_graph {
 
 }  // namespace
 
-int32_t zunta_group_mesh_pairs(const node_tables* nodes, mesh_pair* const* pairs, int32_t count,
-                               int32_t* group_of) {
-  if (nodes == nullptr) {
-    ZLOG(COMP_TR, LVL_E, "NULL pointer exception for coordinator\n");
-    return -1;
-  }
-  if (pairs == nullptr || group_of == nullptr || count < 0) {
-    ZLOG(COMP_TR, LVL_E, "NULL pointer exception for Mesh Pair\n");
-    return -1;
-  }
+bool pair_neighbourhoods::build(const node_tables* nodes, mesh_pair* const* pairs, int32_t count) {
   mesh_graph graph;
-  auto ends = allocate<int32_t>(2 * static_cast<std::size_t>(count));
-  if (!graph.build(nodes) || !ends) {
-    ZLOG(COMP_TR, LVL_E, "Memory allocation error for the training groups\n");
-    return -1;
-  }
+  ends_ = allocate<int32_t>(2 * static_cast<std::size_t>(count));
+  if (nodes == nullptr || !graph.build(nodes) || !ends_) return false;
   // A pair end that is no known node (its ath gone) gets a node of its own, heard by nobody.
-  int32_t extra = graph.node_count();
+  const int32_t known = graph.node_count();
+  node_count_ = known;
   for (int32_t i = 0; i < count; ++i) {
-    int32_t left = graph.index_of(pairs[i]->left_mac);
-    int32_t right = graph.index_of(pairs[i]->right_mac);
-    ends[2 * i] = left >= 0 ? left : extra++;
-    ends[2 * i + 1] = right >= 0 ? right : extra++;
+    const int32_t left = graph.index_of(pairs[i]->left_mac);
+    const int32_t right = graph.index_of(pairs[i]->right_mac);
+    ends_[2 * i] = left >= 0 ? left : node_count_++;
+    ends_[2 * i + 1] = right >= 0 ? right : node_count_++;
   }
-  // claimed[n] == g + 1: node n is a node of a pair of group g, or a neighbour of one.
-  auto claimed = allocate<int32_t>(extra);
-  if (!claimed) {
-    ZLOG(COMP_TR, LVL_E, "Memory allocation error for the training groups\n");
-    return -1;
-  }
-  for (int32_t i = 0; i < count; ++i)
-    group_of[i] = -1;
-  // Each group takes, in training order, every pair still without a group whose nodes nothing in
-  // the group has claimed yet: the same as putting each pair in the first group it fits.
-  int32_t groups = 0;
-  for (int32_t placed = 0; placed < count; ++groups) {
-    const int32_t stamp = groups + 1;
-    for (int32_t i = 0; i < count; ++i) {
-      if (group_of[i] >= 0 || claimed[ends[2 * i]] == stamp || claimed[ends[2 * i + 1]] == stamp) continue;
-      group_of[i] = groups;
-      ++placed;
-      for (int32_t side = 0; side < 2; ++side) {
-        const int32_t end = ends[2 * i + side];
-        claimed[end] = stamp;
-        if (end < graph.node_count()) graph.for_each_adjacent(end, [&](int32_t n) { claimed[n] = stamp; });
-      }
+  heap_array<int32_t> known_first = graph.take_first();
+  adjacent_ = graph.take_adjacent();
+  first_ = allocate<int32_t>(static_cast<std::size_t>(node_count_) + 1);
+  claims_ = allocate<int32_t>(node_count_);
+  if (!first_ || !claims_) return false;
+  for (int32_t n = 0; n <= node_count_; ++n)
+    first_[n] = known_first[n < known ? n : known];
+  return count_conflicts(count);
+}
+
+// For every pair, the other pairs that have an end on one of its ends or their neighbours.
+bool pair_neighbourhoods::count_conflicts(int32_t count) {
+  conflicts_ = allocate<int32_t>(count);
+  auto first_pair = allocate<int32_t>(static_cast<std::size_t>(node_count_) + 1);
+  auto pairs_at = allocate<int32_t>(2 * static_cast<std::size_t>(count));
+  auto fill = allocate<int32_t>(node_count_);
+  auto seen = allocate<int32_t>(count);
+  if (!conflicts_ || !first_pair || !pairs_at || !fill || !seen) return false;
+  for (int32_t e = 0; e < 2 * count; ++e)
+    ++first_pair[ends_[e] + 1];
+  for (int32_t n = 0; n < node_count_; ++n)
+    first_pair[n + 1] += first_pair[n];
+  for (int32_t e = 0; e < 2 * count; ++e)
+    pairs_at[first_pair[ends_[e]] + fill[ends_[e]]++] = e / 2;
+  auto count_at = [&](int32_t pair, int32_t node) {
+    for (int32_t i = first_pair[node]; i < first_pair[node + 1]; ++i) {
+      const int32_t other = pairs_at[i];
+      if (other == pair || seen[other] == pair + 1) continue;
+      seen[other] = pair + 1;
+      ++conflicts_[pair];
+    }
+  };
+  for (int32_t p = 0; p < count; ++p) {
+    for (int32_t side = 0; side < 2; ++side) {
+      const int32_t end = ends_[2 * p + side];
+      count_at(p, end);
+      for (int32_t i = first_[end]; i < first_[end + 1]; ++i)
+        count_at(p, adjacent_[i]);
     }
   }
-  return groups;
+  return true;
+}
+
+bool pair_neighbourhoods::free(int32_t pair) const {
+  return claims_[ends_[2 * pair]] == 0 && claims_[ends_[2 * pair + 1]] == 0;
+}
+
+void pair_neighbourhoods::mark_around(int32_t node, int32_t delta) {
+  claims_[node] += delta;
+  for (int32_t i = first_[node]; i < first_[node + 1]; ++i)
+    claims_[adjacent_[i]] += delta;
+}
+
+void pair_neighbourhoods::claim(int32_t pair) {
+  mark_around(ends_[2 * pair], 1);
+  mark_around(ends_[2 * pair + 1], 1);
+}
+
+void pair_neighbourhoods::release(int32_t pair) {
+  mark_around(ends_[2 * pair], -1);
+  mark_around(ends_[2 * pair + 1], -1);
 }
