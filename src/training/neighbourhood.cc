@@ -142,39 +142,99 @@ bool pair_neighbourhoods::build(const node_tables* nodes, mesh_pair* const* pair
   if (!first_ || !claims_) return false;
   for (int32_t n = 0; n <= node_count_; ++n)
     first_[n] = known_first[n < known ? n : known];
-  return count_conflicts(count);
+  return list_conflicts(count);
 }
 
-// For every pair, the other pairs that have an end on one of its ends or their neighbours.
-bool pair_neighbourhoods::count_conflicts(int32_t count) {
-  conflicts_ = allocate<int32_t>(count);
+// For every pair, the other pairs that have an end on one of its ends or on their neighbours: once
+// counted, then listed.
+bool pair_neighbourhoods::list_conflicts(int32_t count) {
+  count_ = count;
+  conflict_first_ = allocate<int32_t>(static_cast<std::size_t>(count) + 1);
   auto first_pair = allocate<int32_t>(static_cast<std::size_t>(node_count_) + 1);
   auto pairs_at = allocate<int32_t>(2 * static_cast<std::size_t>(count));
   auto fill = allocate<int32_t>(node_count_);
   auto seen = allocate<int32_t>(count);
-  if (!conflicts_ || !first_pair || !pairs_at || !fill || !seen) return false;
+  if (!conflict_first_ || !first_pair || !pairs_at || !fill || !seen) return false;
   for (int32_t e = 0; e < 2 * count; ++e)
     ++first_pair[ends_[e] + 1];
   for (int32_t n = 0; n < node_count_; ++n)
     first_pair[n + 1] += first_pair[n];
   for (int32_t e = 0; e < 2 * count; ++e)
     pairs_at[first_pair[ends_[e]] + fill[ends_[e]]++] = e / 2;
-  auto count_at = [&](int32_t pair, int32_t node) {
-    for (int32_t i = first_pair[node]; i < first_pair[node + 1]; ++i) {
-      const int32_t other = pairs_at[i];
-      if (other == pair || seen[other] == pair + 1) continue;
-      seen[other] = pair + 1;
-      ++conflicts_[pair];
+  // Calls note(pair, other) once for every other pair within two hops of `pair`.
+  auto walk = [&](int32_t pair, int32_t stamp, auto note) {
+    auto at_node = [&](int32_t node) {
+      for (int32_t i = first_pair[node]; i < first_pair[node + 1]; ++i) {
+        const int32_t other = pairs_at[i];
+        if (other == pair || seen[other] == stamp) continue;
+        seen[other] = stamp;
+        note(other);
+      }
+    };
+    for (int32_t side = 0; side < 2; ++side) {
+      const int32_t end = ends_[2 * pair + side];
+      at_node(end);
+      for (int32_t i = first_[end]; i < first_[end + 1]; ++i)
+        at_node(adjacent_[i]);
     }
   };
+  for (int32_t p = 0; p < count; ++p)
+    walk(p, p + 1, [&](int32_t) { ++conflict_first_[p + 1]; });
+  for (int32_t p = 0; p < count; ++p)
+    conflict_first_[p + 1] += conflict_first_[p];
+  conflict_list_ = allocate<int32_t>(static_cast<std::size_t>(conflict_first_[count]));
+  if (!conflict_list_) return false;
   for (int32_t p = 0; p < count; ++p) {
-    for (int32_t side = 0; side < 2; ++side) {
-      const int32_t end = ends_[2 * p + side];
-      count_at(p, end);
-      for (int32_t i = first_[end]; i < first_[end + 1]; ++i)
-        count_at(p, adjacent_[i]);
+    int32_t at = conflict_first_[p];
+    walk(p, count + p + 1, [&](int32_t other) { conflict_list_[at++] = other; });
+  }
+  return true;
+}
+
+// Turns as a colouring of the pairs in which no two pairs within two hops share a colour, made by
+// saturation: the next pair coloured is the one whose conflicting pairs already show the most
+// colours (then the one with the most conflicts, then the earlier), and it takes the smallest
+// colour none of them has. Colours come out close to the largest set of mutually conflicting
+// pairs, the least number of turns any order can take.
+bool pair_neighbourhoods::turn_order(int32_t* order, int32_t* turns) const {
+  int32_t most = 0;
+  for (int32_t p = 0; p < count_; ++p)
+    most = std::max(most, conflicts(p));
+  const std::size_t words = static_cast<std::size_t>(most) / 64 + 1;  // colours 0..most
+  auto shown = allocate<uint64_t>(words * static_cast<std::size_t>(count_));
+  auto saturation = allocate<int32_t>(count_);
+  auto colour = allocate<int32_t>(count_);
+  if (!shown || !saturation || !colour) return false;
+  *turns = 0;
+  auto has = [&](int32_t p, int32_t c) { return (shown[p * words + c / 64] >> (c % 64) & 1u) != 0; };
+  for (int32_t p = 0; p < count_; ++p)
+    colour[p] = -1;
+  for (int32_t k = 0; k < count_; ++k) {
+    int32_t next = -1;
+    for (int32_t p = 0; p < count_; ++p) {
+      if (colour[p] >= 0) continue;
+      if (next < 0 || saturation[p] > saturation[next] ||
+          (saturation[p] == saturation[next] && conflicts(p) > conflicts(next)))
+        next = p;
+    }
+    int32_t c = 0;
+    while (has(next, c))
+      ++c;
+    colour[next] = c;
+    *turns = std::max(*turns, c + 1);
+    for (int32_t i = conflict_first_[next]; i < conflict_first_[next + 1]; ++i) {
+      const int32_t q = conflict_list_[i];
+      if (has(q, c)) continue;
+      shown[q * words + c / 64] |= uint64_t{1} << (c % 64);
+      ++saturation[q];
     }
   }
+  for (int32_t p = 0; p < count_; ++p)
+    order[p] = p;
+  std::sort(order, order + count_, [&](int32_t a, int32_t b) {
+    if (colour[a] != colour[b]) return colour[a] < colour[b];
+    return conflicts(a) != conflicts(b) ? conflicts(a) > conflicts(b) : a < b;
+  });
   return true;
 }
 
@@ -196,4 +256,58 @@ void pair_neighbourhoods::claim(int32_t pair) {
 void pair_neighbourhoods::release(int32_t pair) {
   mark_around(ends_[2 * pair], -1);
   mark_around(ends_[2 * pair + 1], -1);
+}
+
+bool pair_turns::build(const node_tables* nodes, mesh_pair* const* pairs, int32_t count) {
+  count_ = count;
+  order_ = allocate<int32_t>(count);
+  state_ = allocate<uint8_t>(count);
+  ends_at_ = allocate<int64_t>(count);
+  reserved_for_ = allocate<int64_t>(count);
+  held_in_ = allocate<int32_t>(count);
+  if (!order_ || !state_ || !ends_at_ || !reserved_for_ || !held_in_) return false;
+  if (!hoods_.build(nodes, pairs, count) || !hoods_.turn_order(order_.get(), &turns_)) return false;
+  waiting_ = count;
+  return true;
+}
+
+int32_t pair_turns::start_due(int64_t now, int64_t lasting, int32_t* out) {
+  ++stamp_;
+  const int64_t slack = lasting / 16;  // about one round
+  int32_t started = 0;
+  for (int32_t i = 0; i < count_; ++i) {
+    const int32_t p = order_[i];
+    if (state_[p] != WAITING) continue;
+    bool held = !hoods_.free(p);
+    int64_t earliest = now;
+    hoods_.for_each_conflict(p, [&](int32_t q) {
+      if (state_[q] == TRAINING) {
+        earliest = std::max(earliest, ends_at_[q]);
+      } else if (state_[q] == WAITING && held_in_[q] == stamp_ && now + lasting > reserved_for_[q] + slack) {
+        // Starting now would hold back an earlier pair past its reservation: after that pair.
+        held = true;
+        earliest = std::max(earliest, reserved_for_[q] + lasting);
+      }
+    });
+    if (held) {
+      reserved_for_[p] = earliest;
+      held_in_[p] = stamp_;
+      continue;
+    }
+    hoods_.claim(p);
+    state_[p] = TRAINING;
+    ends_at_[p] = now + lasting;
+    out[started++] = p;
+    --waiting_;
+    ++training_;
+  }
+  return started;
+}
+
+void pair_turns::end(int32_t pair, bool again) {
+  if (state_[pair] != TRAINING) return;
+  hoods_.release(pair);
+  --training_;
+  state_[pair] = again ? WAITING : ENDED;
+  if (again) ++waiting_;
 }

@@ -48,7 +48,12 @@ struct pair_run {
   char right_fallback[IP_TEXT_SIZE];
   zunta_command_job* job;  // the pair's exchange, from its start to its end
   bool busy;               // the job has not had its result taken
+  int64_t started_us;
 };
+
+// A guess of the time a round spends beyond its pause (eight exchanges), until pairs have
+// trained and their mean is known.
+constexpr int64_t ROUND_EXCHANGES_GUESS_US = 150000;
 
 template <typename T>
 using heap_array = pair_neighbourhoods::heap_array<T>;
@@ -107,11 +112,11 @@ class parallel_pass {
   void run();
 
  private:
-  void start_free_pairs();
-  void start(int32_t p);
+  void start_due(int64_t now);
+  void start(int32_t p, int64_t now);
   void advance(pair_run& run, int64_t now);
   bool take_result(pair_run& run, int64_t now);
-  void next_round(pair_run& run);
+  void next_round(pair_run& run, int64_t now);
   void stop(pair_run& run);
   void finish(pair_run& run, bool stopped);
   int64_t collect_jobs(int32_t* active);
@@ -119,73 +124,66 @@ class parallel_pass {
   mesh_pair* const* pairs_;
   int32_t count_;
   char (&last_training_)[TIME_TEXT_SIZE];
-  pair_neighbourhoods hoods_;
+  pair_turns turns_;
   heap_array<pair_run> runs_;
-  heap_array<int32_t> order_;            // the waiting pairs are taken in this order
+  heap_array<int32_t> due_;              // pairs starting now
   heap_array<int32_t> training_;         // the pairs training, in the order they started
   heap_array<zunta_command_job*> jobs_;  // the exchanges under way, for one wait
   int32_t training_count_ = 0;
-  int32_t waiting_ = 0;
   int32_t trained_ = 0;
   int32_t stopped_ = 0;
   int32_t most_training_ = 0;
-  bool freed_ = false;  // a pair finished since the waiting pairs were last looked at
+  int64_t lasting_us_ = 0;  // how long a pair trains: a guess, then the mean of the trained ones
+  int64_t lasted_us_ = 0;   // the trained pairs' durations, summed
+  bool freed_ = false;      // a pair ended since the waiting pairs were last looked at
 };
 
 bool parallel_pass::prepare(const node_tables* nodes) {
   runs_ = allocate<pair_run>(count_);
-  order_ = allocate<int32_t>(count_);
+  due_ = allocate<int32_t>(count_);
   training_ = allocate<int32_t>(count_);
   jobs_ = allocate<zunta_command_job*>(count_);
-  if (!runs_ || !order_ || !training_ || !jobs_ || !hoods_.build(nodes, pairs_, count_)) return false;
+  if (!runs_ || !due_ || !training_ || !jobs_ || !turns_.build(nodes, pairs_, count_)) return false;
   for (int32_t p = 0; p < count_; ++p) {
     runs_[p].mp = pairs_[p];
     runs_[p].stage = WAITING;
-    order_[p] = p;
   }
-  waiting_ = count_;
-  // The pairs with the most others within two hops go first: the densest neighbourhood is what
-  // keeps the pass long, and its pairs can only take turns. Ties keep one-at-a-time order.
-  std::sort(order_.get(), order_.get() + count_, [&](int32_t a, int32_t b) {
-    return hoods_.conflicts(a) != hoods_.conflicts(b) ? hoods_.conflicts(a) > hoods_.conflicts(b) : a < b;
-  });
+  lasting_us_ = TXCS_ROUNDS * (zunta_scaled_us(TRAINING_ROUND_PAUSE_US) + ROUND_EXCHANGES_GUESS_US);
   return true;
 }
 
-void parallel_pass::start_free_pairs() {
-  for (int32_t i = 0; i < count_; ++i) {
-    const int32_t p = order_[i];
-    if (runs_[p].stage == WAITING && hoods_.free(p)) start(p);
-  }
+void parallel_pass::start_due(int64_t now) {
+  const int32_t due = turns_.start_due(now, lasting_us_, due_.get());
+  for (int32_t i = 0; i < due; ++i)
+    start(due_[i], now);
   freed_ = false;
 }
 
-void parallel_pass::start(int32_t p) {
+void parallel_pass::start(int32_t p, int64_t now) {
   pair_run& run = runs_[p];
   mesh_pair* mp = run.mp;
   run.job = static_cast<zunta_command_job*>(std::calloc(1, sizeof(zunta_command_job)));
   // Without memory for its exchange the pair waits for one that another pair gives back; with none
   // training it is left untrained for this pass.
-  if (run.job == nullptr && training_count_ > 0) return;
-  --waiting_;
+  if (run.job == nullptr && training_count_ > 0) return turns_.end(p, true);
   ZLOG(COMP_CORE, LVL_I, "MeshPair %s starts training\n", mp->meshkey);
   print_systime(last_training_);
   zunta_pass_pair_begins(mp);
+  run.stage = TRAINING;
+  run.started_us = now;
+  training_[training_count_++] = p;
+  if (training_count_ > most_training_) most_training_ = training_count_;
   if (run.job == nullptr) {
     ZLOG(COMP_TR, LVL_E, "Memory allocation error for the training of %s: not trained in this pass\n",
          mp->meshkey);
     return finish(run, true);
   }
   if (!zunta_mp_training_begins(mp)) return finish(run, true);
-  hoods_.claim(p);
-  run.stage = TRAINING;
   run.best = NO_BEST_ROUND;
-  training_[training_count_++] = p;
-  if (training_count_ > most_training_) most_training_ = training_count_;
   ZLOG(COMP_CORE, LVL_U, "Mesh pair %s starts training: %d training, %d waiting\n", mp->meshkey,
-       training_count_, waiting_);
+       turns_.training(), turns_.waiting());
   zunta_mp_training_round_begins(mp, 0, 0);
-  advance(run, zunta_monotonic_us());
+  advance(run, now);
 }
 
 // Runs the pair's steps until one has to wait: for its exchange, or for the end of its pause.
@@ -201,7 +199,7 @@ void parallel_pass::advance(pair_run& run, int64_t now) {
       run.step = LEFT_RESULT;
     }
     if (run.step == ROUND_DONE) {
-      next_round(run);
+      next_round(run, now);
       continue;
     }
     ::prepare(run);
@@ -230,10 +228,12 @@ bool parallel_pass::take_result(pair_run& run, int64_t now) {
   return true;
 }
 
-void parallel_pass::next_round(pair_run& run) {
+void parallel_pass::next_round(pair_run& run, int64_t now) {
   zunta_mp_training_round_ends(run.mp, run.best);
   if (++run.round == TXCS_ROUNDS) {
     zunta_mp_training_ends(run.mp, run.best);
+    lasted_us_ += now - run.started_us;
+    lasting_us_ = lasted_us_ / (trained_ + 1);
     return finish(run, false);
   }
   run.step = LEFT_PATTERN;
@@ -268,6 +268,8 @@ void parallel_pass::finish(pair_run& run, bool stopped) {
     ++stopped_;
   } else {
     ++trained_;
+    ZLOG(COMP_CORE, LVL_U, "Mesh pair %s trained: %d training, %d waiting\n", run.mp->meshkey,
+         turns_.training() - 1, turns_.waiting());
   }
   freed_ = true;
 }
@@ -288,7 +290,7 @@ int64_t parallel_pass::collect_jobs(int32_t* active) {
 }
 
 void parallel_pass::run() {
-  start_free_pairs();
+  start_due(zunta_monotonic_us());
   while (training_count_ > 0) {
     int32_t active = 0;
     const int64_t pause_ends = collect_jobs(&active);
@@ -299,16 +301,16 @@ void parallel_pass::run() {
       pair_run& run = runs_[training_[i]];
       advance(run, now);
       if (run.stage == FINISHED) {
-        hoods_.release(training_[i]);
+        turns_.end(training_[i], false);
       } else {
         training_[kept++] = training_[i];
       }
     }
     training_count_ = kept;
-    if (freed_) start_free_pairs();
+    if (freed_) start_due(now);
   }
-  ZLOG(COMP_CORE, LVL_U, "Parallel training: %d pairs trained, %d stopped, at most %d at once\n", trained_,
-       stopped_, most_training_);
+  ZLOG(COMP_CORE, LVL_U, "Parallel training: %d pairs trained, %d stopped, at most %d at once, turns: %d\n",
+       trained_, stopped_, most_training_, turns_.turns());
 }
 
 }  // namespace

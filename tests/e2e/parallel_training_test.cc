@@ -226,7 +226,7 @@ TEST(ParallelTrainingScenario, MorePairsThanDescriptorsTrainAsWithoutTheLimit) {
   const std::string out = limited.daemon_->out();
 
   EXPECT_THAT(out,
-              HasSubstr("zunta-coord: Parallel training: 13 pairs trained, 0 stopped, at most 13 at once\n"));
+              HasSubstr("zunta-coord: Parallel training: 13 pairs trained, 0 stopped, at most 13 at once, turns: 1\n"));
   EXPECT_THAT(out, Not(HasSubstr("ERROR")));
   EXPECT_EQ(free_run.commands_by_pair(), limited.commands_by_pair());
   EXPECT_EQ(tables(free_run.daemon_->out()), tables(out));
