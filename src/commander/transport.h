@@ -1,7 +1,7 @@
 // The node agent command channel: one 1024-byte command per TCP connection, answered by text
 // lines and the marker "ack" or "nack", and the repetition of refused or silent exchanges. Every
-// exchange is a non-blocking state machine, so a batch of commands to different agents runs at once
-// on the one thread.
+// exchange is a non-blocking state machine, so one event loop on the one thread runs any number of
+// commands to different agents at once.
 #ifndef ZUNTA_COMMANDER_TRANSPORT_H_
 #define ZUNTA_COMMANDER_TRANSPORT_H_
 

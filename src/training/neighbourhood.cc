@@ -191,44 +191,112 @@ bool pair_neighbourhoods::list_conflicts(int32_t count) {
   return true;
 }
 
-// Turns as a colouring of the pairs in which no two pairs within two hops share a colour, made by
-// saturation: the next pair coloured is the one whose conflicting pairs already show the most
-// colours (then the one with the most conflicts, then the earlier), and it takes the smallest
-// colour none of them has. Colours come out close to the largest set of mutually conflicting
-// pairs, the least number of turns any order can take.
-bool pair_neighbourhoods::turn_order(int32_t* order, int32_t* turns) const {
+namespace {
+
+// Recolourings tried after the first colouring; each keeps or lowers the number of colours.
+constexpr int32_t RECOLOUR_ROUNDS = 30;
+
+// The pairs and their conflicts as the colourings see them.
+struct conflict_view {
+  const int32_t* first;
+  const int32_t* list;
+  int32_t count;
+  int32_t degree(int32_t p) const { return first[p + 1] - first[p]; }
+};
+
+// Colours by saturation: the next pair coloured is the one whose conflicting pairs already show the
+// most colours (then the one with the most conflicts, then the earlier), and it takes the smallest
+// colour none of them has. Returns the number of colours, or -1 when memory is short.
+int32_t colour_by_saturation(const conflict_view& g, int32_t* colour) {
   int32_t most = 0;
-  for (int32_t p = 0; p < count_; ++p)
-    most = std::max(most, conflicts(p));
+  for (int32_t p = 0; p < g.count; ++p)
+    most = std::max(most, g.degree(p));
   const std::size_t words = static_cast<std::size_t>(most) / 64 + 1;  // colours 0..most
-  auto shown = allocate<uint64_t>(words * static_cast<std::size_t>(count_));
-  auto saturation = allocate<int32_t>(count_);
-  auto colour = allocate<int32_t>(count_);
-  if (!shown || !saturation || !colour) return false;
-  *turns = 0;
+  auto shown = allocate<uint64_t>(words * static_cast<std::size_t>(g.count));
+  auto saturation = allocate<int32_t>(g.count);
+  if (!shown || !saturation) return -1;
   auto has = [&](int32_t p, int32_t c) { return (shown[p * words + c / 64] >> (c % 64) & 1u) != 0; };
-  for (int32_t p = 0; p < count_; ++p)
+  int32_t colours = 0;
+  for (int32_t p = 0; p < g.count; ++p)
     colour[p] = -1;
-  for (int32_t k = 0; k < count_; ++k) {
+  for (int32_t k = 0; k < g.count; ++k) {
     int32_t next = -1;
-    for (int32_t p = 0; p < count_; ++p) {
+    for (int32_t p = 0; p < g.count; ++p) {
       if (colour[p] >= 0) continue;
       if (next < 0 || saturation[p] > saturation[next] ||
-          (saturation[p] == saturation[next] && conflicts(p) > conflicts(next)))
+          (saturation[p] == saturation[next] && g.degree(p) > g.degree(next)))
         next = p;
     }
     int32_t c = 0;
     while (has(next, c))
       ++c;
     colour[next] = c;
-    *turns = std::max(*turns, c + 1);
-    for (int32_t i = conflict_first_[next]; i < conflict_first_[next + 1]; ++i) {
-      const int32_t q = conflict_list_[i];
+    colours = std::max(colours, c + 1);
+    for (int32_t i = g.first[next]; i < g.first[next + 1]; ++i) {
+      const int32_t q = g.list[i];
       if (has(q, c)) continue;
       shown[q * words + c / 64] |= uint64_t{1} << (c % 64);
       ++saturation[q];
     }
   }
+  return colours;
+}
+
+// Colours the pairs again, one colour class after the other in an order that depends on the round
+// (last first, largest first, most conflicted first), each pair taking the smallest colour its
+// conflicting pairs do not show yet. Taken class by class, a greedy colouring never needs more
+// colours than the classes it follows, and often fewer. Returns the number of colours.
+int32_t recolour(const conflict_view& g, int32_t round, int32_t colours, int32_t* colour, int32_t* order,
+                 int32_t* rank, int32_t* mark) {
+  for (int32_t c = 0; c < colours; ++c) {
+    rank[c] = c;
+    mark[c] = 0;
+  }
+  for (int32_t p = 0; p < g.count; ++p) {
+    mark[colour[p]] += round % 3 == 1 ? 1 : g.degree(p);  // class size, or its conflicts
+    order[p] = p;
+  }
+  std::sort(rank, rank + colours, [&](int32_t a, int32_t b) {
+    if (round % 3 == 0) return a > b;
+    return mark[a] != mark[b] ? mark[a] > mark[b] : a < b;
+  });
+  for (int32_t i = 0; i < colours; ++i)
+    mark[rank[i]] = i;  // the position of each class
+  std::sort(order, order + g.count, [&](int32_t a, int32_t b) {
+    return mark[colour[a]] != mark[colour[b]] ? mark[colour[a]] < mark[colour[b]] : a < b;
+  });
+  for (int32_t p = 0; p < g.count; ++p)
+    colour[p] = -1;
+  for (int32_t c = 0; c <= colours; ++c)
+    mark[c] = -1;
+  int32_t used = 0;
+  for (int32_t i = 0; i < g.count; ++i) {
+    const int32_t p = order[i];
+    for (int32_t k = g.first[p]; k < g.first[p + 1]; ++k) {
+      if (colour[g.list[k]] >= 0) mark[colour[g.list[k]]] = p;
+    }
+    int32_t c = 0;
+    while (mark[c] == p)
+      ++c;
+    colour[p] = c;
+    used = std::max(used, c + 1);
+  }
+  return used;
+}
+
+}  // namespace
+
+bool pair_neighbourhoods::turn_order(int32_t* order, int32_t* turns) const {
+  const conflict_view g{conflict_first_.get(), conflict_list_.get(), count_};
+  auto colour = allocate<int32_t>(count_);
+  auto rank = allocate<int32_t>(static_cast<std::size_t>(count_) + 1);
+  auto mark = allocate<int32_t>(static_cast<std::size_t>(count_) + 1);
+  if (!colour || !rank || !mark) return false;
+  int32_t colours = colour_by_saturation(g, colour.get());
+  if (colours < 0) return false;
+  for (int32_t round = 0; round < RECOLOUR_ROUNDS && count_ > 0; ++round)
+    colours = recolour(g, round, colours, colour.get(), order, rank.get(), mark.get());
+  *turns = colours;
   for (int32_t p = 0; p < count_; ++p)
     order[p] = p;
   std::sort(order, order + count_, [&](int32_t a, int32_t b) {

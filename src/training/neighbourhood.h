@@ -32,8 +32,10 @@ class pair_neighbourhoods {
   }
   // Writes every pair into `order` (count entries) by turns: a colouring of the pairs in which no
   // two within two hops share a colour, taken colour by colour, and within one colour the pairs
-  // with the most conflicts first (then by index); *turns receives the number of colours. False
-  // when memory is short.
+  // with the most conflicts first (then by index); *turns receives the number of colours. The
+  // colouring is made by saturation and then improved class by class; its colours come close to
+  // the largest set of mutually conflicting pairs, below which no order can go. False when memory
+  // is short.
   bool turn_order(int32_t* order, int32_t* turns) const;
 
   struct free_deleter {

@@ -309,8 +309,11 @@ void parallel_pass::run() {
     training_count_ = kept;
     if (freed_) start_due(now);
   }
-  ZLOG(COMP_CORE, LVL_U, "Parallel training: %d pairs trained, %d stopped, at most %d at once, turns: %d\n",
-       trained_, stopped_, most_training_, turns_.turns());
+  ZLOG(COMP_CORE, LVL_U,
+       "Parallel training: %d pairs trained, %d stopped, at most %d at once, turns: %d, exchanges in flight "
+       "at "
+       "most %d\n",
+       trained_, stopped_, most_training_, turns_.turns(), zunta_exchanges_in_flight_peak());
 }
 
 }  // namespace

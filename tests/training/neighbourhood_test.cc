@@ -19,10 +19,10 @@ namespace {
 using ::testing::ElementsAre;
 
 // Aths that list one another, and pairs in training order. Node n has the MAC aa:00:00:00:HH:LL.
-class grouping_mesh {
+class two_hop_mesh {
  public:
-  grouping_mesh() { INIT_SA_LIST_HEAD(&t_.ath_list); }
-  ~grouping_mesh() { zunta_flush_ath(&t_); }
+  two_hop_mesh() { INIT_SA_LIST_HEAD(&t_.ath_list); }
+  ~two_hop_mesh() { zunta_flush_ath(&t_); }
 
   static void mac_of(char (&mac)[MAC_TEXT_SIZE], int n) {
     zunta_format_buffer(mac, sizeof mac, "aa:00:00:00:%02x:%02x", (n >> 8) & 0xff, n & 0xff);
@@ -101,14 +101,14 @@ class grouping_mesh {
 };
 
 TEST(NeighbourhoodTest, PairsWithinTwoHopsHoldEachOther) {
-  grouping_mesh chain;
+  two_hop_mesh chain;
   for (int n = 1; n < 7; ++n)
     chain.pair(n, n + 1);  // 1-2, 2-3, ..., 6-7
   EXPECT_THAT(chain.free_while({0}), ElementsAre(9, 0, 0, 1, 1, 1));
   EXPECT_THAT(chain.conflicts(), ElementsAre(2, 3, 4, 4, 3, 2));
 
   // Listed in one direction only, and in upper case, a neighbour still holds a pair.
-  grouping_mesh one_sided;
+  two_hop_mesh one_sided;
   one_sided.pair(1, 2);
   one_sided.pair(3, 4);
   one_sided.pair(5, 6);
@@ -116,13 +116,13 @@ TEST(NeighbourhoodTest, PairsWithinTwoHopsHoldEachOther) {
   EXPECT_THAT(one_sided.free_while({1}), ElementsAre(0, 9, 1));
   EXPECT_THAT(one_sided.conflicts(), ElementsAre(1, 1, 0));
 
-  grouping_mesh star;
+  two_hop_mesh star;
   for (int leaf = 2; leaf < 6; ++leaf)
     star.pair(1, leaf);
   EXPECT_THAT(star.free_while({2}), ElementsAre(0, 0, 9, 0));
 
   // 3 hears 1 and 4 hears 2; 7 neighbours 6 only.
-  grouping_mesh m;
+  two_hop_mesh m;
   m.pair(1, 2);
   m.pair(3, 4);
   m.lists(3, 1);
@@ -135,7 +135,7 @@ TEST(NeighbourhoodTest, PairsWithinTwoHopsHoldEachOther) {
 }
 
 TEST(NeighbourhoodTest, AReleasedPairFreesOnlyWhatNoOtherTrainingPairHolds) {
-  grouping_mesh m;
+  two_hop_mesh m;
   m.pair(1, 2);
   m.pair(4, 5);
   m.pair(3, 6);  // 3 hears 2 and 4: held by both of the others
@@ -154,7 +154,7 @@ TEST(NeighbourhoodTest, AReleasedPairFreesOnlyWhatNoOtherTrainingPairHolds) {
 
 // A 27 x 19 grid, each node hearing its four neighbours: the first 490 of its pairs in row order.
 TEST(NeighbourhoodTest, FourHundredNinetyGridPairsMatchTheTwoHopRuleAndTakeTheirTurns) {
-  grouping_mesh m;
+  two_hop_mesh m;
   constexpr int WIDTH = 27;
   std::vector<std::pair<int, int>> pairs;
   for (int n = 0; pairs.size() < 490; ++n) {
