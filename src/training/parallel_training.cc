@@ -1,7 +1,7 @@
 // Training of many pairs at once. Each pair is a small machine that runs its sixteen rounds as
 // one-at-a-time training does (the same commands in the same order, its own pause, the same
 // evaluation); one event loop drives the exchanges of every training pair, so no pair ever waits
-// for another's agents. A pair starts as soon as no training pair is within two hops of it.
+// for another's agents. Pairs start when pair_turns says: once no training pair is within two hops.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -113,7 +113,7 @@ class parallel_pass {
 
  private:
   void start_due(int64_t now);
-  void start(int32_t p, int64_t now);
+  void start(int32_t p, int64_t now, int32_t still_due);
   void advance(pair_run& run, int64_t now);
   bool take_result(pair_run& run, int64_t now);
   void next_round(pair_run& run, int64_t now);
@@ -130,6 +130,7 @@ class parallel_pass {
   heap_array<int32_t> training_;         // the pairs training, in the order they started
   heap_array<zunta_command_job*> jobs_;  // the exchanges under way, for one wait
   int32_t training_count_ = 0;
+  int32_t running_ = 0;  // pairs started and not finished
   int32_t trained_ = 0;
   int32_t stopped_ = 0;
   int32_t most_training_ = 0;
@@ -155,11 +156,12 @@ bool parallel_pass::prepare(const node_tables* nodes) {
 void parallel_pass::start_due(int64_t now) {
   const int32_t due = turns_.start_due(now, lasting_us_, due_.get());
   for (int32_t i = 0; i < due; ++i)
-    start(due_[i], now);
+    start(due_[i], now, due - i - 1);
   freed_ = false;
 }
 
-void parallel_pass::start(int32_t p, int64_t now) {
+// `still_due` pairs start right after this one; until then they count as waiting.
+void parallel_pass::start(int32_t p, int64_t now, int32_t still_due) {
   pair_run& run = runs_[p];
   mesh_pair* mp = run.mp;
   run.job = static_cast<zunta_command_job*>(std::calloc(1, sizeof(zunta_command_job)));
@@ -171,6 +173,7 @@ void parallel_pass::start(int32_t p, int64_t now) {
   zunta_pass_pair_begins(mp);
   run.stage = TRAINING;
   run.started_us = now;
+  ++running_;
   training_[training_count_++] = p;
   if (training_count_ > most_training_) most_training_ = training_count_;
   if (run.job == nullptr) {
@@ -180,8 +183,8 @@ void parallel_pass::start(int32_t p, int64_t now) {
   }
   if (!zunta_mp_training_begins(mp)) return finish(run, true);
   run.best = NO_BEST_ROUND;
-  ZLOG(COMP_CORE, LVL_U, "Mesh pair %s starts training: %d training, %d waiting\n", mp->meshkey,
-       turns_.training(), turns_.waiting());
+  ZLOG(COMP_CORE, LVL_U, "Mesh pair %s starts training: %d training, %d waiting\n", mp->meshkey, running_,
+       turns_.waiting() + still_due);
   zunta_mp_training_round_begins(mp, 0, 0);
   advance(run, now);
 }
@@ -260,6 +263,7 @@ void parallel_pass::stop(pair_run& run) {
 
 void parallel_pass::finish(pair_run& run, bool stopped) {
   run.stage = FINISHED;
+  --running_;
   std::free(run.job);
   run.job = nullptr;
   zunta_pass_pair_ends(run.mp, stopped);
@@ -268,8 +272,8 @@ void parallel_pass::finish(pair_run& run, bool stopped) {
     ++stopped_;
   } else {
     ++trained_;
-    ZLOG(COMP_CORE, LVL_U, "Mesh pair %s trained: %d training, %d waiting\n", run.mp->meshkey,
-         turns_.training() - 1, turns_.waiting());
+    ZLOG(COMP_CORE, LVL_U, "Mesh pair %s trained: %d training, %d waiting\n", run.mp->meshkey, running_,
+         turns_.waiting());
   }
   freed_ = true;
 }
