@@ -107,7 +107,8 @@ for n in "${NODES[@]}"; do
       sleep 1
       printf 'root=true\nbroadcast_address=%s.255\nbroadcast_port=%s\n' "$BASE" "$DISCOVERY_PORT" >"$WORK/zunta.conf"
       [[ $mode == parallel ]] && echo "parallel_training=true" >>"$WORK/zunta.conf"
-      env ZUNTA_CONF="$WORK/zunta.conf" ZUNTA_SNAPSHOT="$WORK/sa.log" ZUNTA_AGENT_PORT="$AGENT_PORT" \
+      env ZUNTA_CONF="$WORK/zunta.conf" ZUNTA_SNAPSHOT="$WORK/sa.log" ZUNTA_STATUS_JSON="$WORK/status.json" \
+        ZUNTA_AGENT_PORT="$AGENT_PORT" \
         ZUNTA_DUMP_FILE="$WORK/dump.log" ZUNTA_TRAINING_STATUS_FILE="$WORK/status.log" \
         ZUNTA_TIME_SCALE="$SCALE" "$BUILD/zunta-coord" -1 \
         > >(while IFS= read -r line; do printf '%s %s\n' "$EPOCHREALTIME" "$line"; done >"$WORK/out.log") &

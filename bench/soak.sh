@@ -45,7 +45,7 @@ printf 'root=true\nbroadcast_address=%s.255\nbroadcast_port=%s\n' "$RANGE" "$DIS
 SIM_PID=$!
 for _ in $(seq 100); do [[ -S $WORK/control ]] && break; sleep 0.1; done
 
-env ZUNTA_CONF="$WORK/zunta.conf" ZUNTA_SNAPSHOT="$WORK/sa.log" ZUNTA_DUMP_FILE="$WORK/dump.log" \
+env ZUNTA_CONF="$WORK/zunta.conf" ZUNTA_SNAPSHOT="$WORK/sa.log" ZUNTA_STATUS_JSON="$WORK/status.json" ZUNTA_DUMP_FILE="$WORK/dump.log" \
   ZUNTA_TRAINING_STATUS_FILE="$WORK/training_status.log" ZUNTA_AGENT_PORT="$AGENT_PORT" \
   ZUNTA_TIME_SCALE=0.05 ASAN_OPTIONS=verify_asan_link_order=0 stdbuf -oL "$BUILD/zunta-coord" -e \
   >"$WORK/coord.log" 2>&1 &

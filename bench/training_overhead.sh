@@ -40,7 +40,7 @@ printf '%-7s %10s %10s %10s %8s  %s\n' scale pauses_s run_s overhead_s ratio "ro
 for scale in "${SCALES[@]}"; do
   # Each output line is stamped when it arrives; the run is "Training Mesh Pair" to "Training ends",
   # which takes in the selections and the application of the patterns.
-  env ZUNTA_CONF="$WORK/zunta.conf" ZUNTA_SNAPSHOT="$WORK/sa.log" ZUNTA_AGENT_PORT="$AGENT_PORT" \
+  env ZUNTA_CONF="$WORK/zunta.conf" ZUNTA_SNAPSHOT="$WORK/sa.log" ZUNTA_STATUS_JSON="$WORK/status.json" ZUNTA_AGENT_PORT="$AGENT_PORT" \
     ZUNTA_TIME_SCALE="$scale" "$BUILD/zunta-coord" -1 |
     while IFS= read -r line; do printf '%s %s\n' "$EPOCHREALTIME" "$line"; done >"$WORK/out.log"
   start=$(grep -m1 'Training Mesh Pair' "$WORK/out.log" | cut -d' ' -f1)

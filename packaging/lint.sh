@@ -17,7 +17,8 @@ for page in man/zunta-coord.8 man/zunta.conf.5; do
   fi
 done
 
-for script in openwrt/zunta-coord.init debian/postinst debian/prerm debian/postrm sandbox-check.sh; do
+for script in openwrt/zunta-coord.init openwrt/init-check.sh debian/postinst debian/prerm debian/postrm \
+  unit-check.sh sandbox-check.sh ../scripts/*.sh; do
   case $script in
     *.sh) bash -n "$script" || status=1 ;;
     *) sh -n "$script" || status=1 ;;

@@ -1,17 +1,24 @@
 # Installation rules and the Debian package, included at the end of the top-level CMakeLists.txt.
 #
-#   cmake --install build          daemon, configuration, systemd unit, sysusers entry, manual pages
-#   cd build && cpack -G DEB       zunta-coord_2.11-1_<arch>.deb (armhf in a cross build tree)
+#   cmake --install build                   the system's directories: /usr/sbin, /etc/zunta.conf,
+#                                           /usr/lib/systemd/system, /usr/lib/sysusers.d, ...
+#   cmake --install build --prefix /opt/zt  every file below /opt/zt, the unit naming
+#                                           /opt/zt/sbin/zunta-coord
+#   cd build && cpack -G DEB                zunta-coord_2.11-1_<arch>.deb (armhf in a cross build tree)
 #
-# scripts/package.sh builds the packages for this machine and for 32-bit ARM in one go.
+# Every directory is relative to the prefix, so the prefix given when installing moves every file
+# (GNUInstallDirs). The configuration directory of the /usr prefix is /etc, as GNUInstallDirs has
+# it. An absolute directory stays where it is named: scripts/package.sh builds the packages for this
+# machine and for 32-bit ARM with Debian's own (-DZUNTA_SYSTEMD_UNIT_DIR=/lib/systemd/system).
 
-# The unit, the daemon and its fixed file paths (/etc/zunta.conf) all assume the system prefix.
 if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
   set(CMAKE_INSTALL_PREFIX /usr CACHE PATH "Install prefix" FORCE)
 endif()
 include(GNUInstallDirs)
 
-set(ZUNTA_SYSTEMD_UNIT_DIR /lib/systemd/system CACHE PATH "Where the systemd unit is installed")
+set(ZUNTA_SYSTEMD_UNIT_DIR lib/systemd/system CACHE PATH "systemd unit directory (relative: below the prefix)")
+set(ZUNTA_SYSUSERS_DIR lib/sysusers.d CACHE PATH "sysusers.d directory (relative: below the prefix)")
+set(ZUNTA_TMPFILES_DIR lib/tmpfiles.d CACHE PATH "tmpfiles.d directory (relative: below the prefix)")
 set(ZUNTA_DOC_DIR ${CMAKE_INSTALL_DATADIR}/doc/zunta-coord)
 set(ZUNTA_PACKAGING_DIR ${PROJECT_SOURCE_DIR}/packaging)
 
@@ -32,17 +39,25 @@ endforeach()
 add_custom_target(zunta-docs ALL DEPENDS ${ZUNTA_GZIPPED})
 
 install(TARGETS zunta-coord RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
-install(FILES ${ZUNTA_PACKAGING_DIR}/zunta.conf DESTINATION /etc)
-install(FILES ${ZUNTA_PACKAGING_DIR}/zunta-coord.service DESTINATION ${ZUNTA_SYSTEMD_UNIT_DIR})
-install(FILES ${ZUNTA_PACKAGING_DIR}/zunta.sysusers DESTINATION lib/sysusers.d
-        RENAME zunta-coord.conf)
+# The configuration and the unit depend on the prefix given when installing: install_files.cmake
+# places them then.
+install(CODE "set(ZUNTA_PACKAGING_DIR \"${ZUNTA_PACKAGING_DIR}\")
+set(ZUNTA_STAGING_DIR \"${CMAKE_BINARY_DIR}/packaging\")
+set(ZUNTA_SYSCONFDIR \"${CMAKE_INSTALL_SYSCONFDIR}\")
+set(ZUNTA_SBINDIR \"${CMAKE_INSTALL_SBINDIR}\")
+set(ZUNTA_SYSTEMD_UNIT_DIR \"${ZUNTA_SYSTEMD_UNIT_DIR}\")")
+install(SCRIPT ${ZUNTA_PACKAGING_DIR}/install_files.cmake)
+install(FILES ${ZUNTA_PACKAGING_DIR}/zunta.sysusers DESTINATION ${ZUNTA_SYSUSERS_DIR} RENAME zunta-coord.conf)
+install(FILES ${ZUNTA_PACKAGING_DIR}/zunta.tmpfiles DESTINATION ${ZUNTA_TMPFILES_DIR} RENAME zunta-coord.conf)
+install(DIRECTORY ${ZUNTA_PACKAGING_DIR}/www/ DESTINATION ${CMAKE_INSTALL_DATADIR}/zunta/www)
 install(FILES ${CMAKE_BINARY_DIR}/packaging/zunta-coord.8.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES ${CMAKE_BINARY_DIR}/packaging/zunta.conf.5.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
 install(FILES ${ZUNTA_PACKAGING_DIR}/copyright DESTINATION ${ZUNTA_DOC_DIR})
 install(FILES ${CMAKE_BINARY_DIR}/packaging/changelog.gz DESTINATION ${ZUNTA_DOC_DIR}
         RENAME changelog.Debian.gz)
 
-# The Debian package.
+# The Debian package. CPack installs with the prefix /usr into a staging directory; its archives
+# take their file times from SOURCE_DATE_EPOCH when it is set (scripts/package.sh sets it).
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME zunta-coord)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
@@ -85,6 +100,10 @@ if(CMAKE_CROSSCOMPILING)
 endif()
 include(CPack)
 
-if(ZUNTA_BUILD_TESTS)
+if(ZUNTA_TESTS_ENABLED)
   add_test(NAME packaging_lint COMMAND sh ${ZUNTA_PACKAGING_DIR}/lint.sh)
+  # The daemon runs under the emulator in a cross build.
+  add_test(NAME packaging_unit COMMAND sh ${ZUNTA_PACKAGING_DIR}/unit-check.sh $<TARGET_FILE:zunta-coord>
+                                       ${CMAKE_CROSSCOMPILING_EMULATOR})
+  add_test(NAME packaging_openwrt_init COMMAND sh ${ZUNTA_PACKAGING_DIR}/openwrt/init-check.sh)
 endif()

@@ -102,7 +102,7 @@ if touch "$PROBE/written" 2>"$WORK/state/probe.err"; then
 fi
 echo "sandbox: writing outside /tmp refused: $(cat "$WORK/state/probe.err")"
 if touch /etc/zunta-sandbox-probe 2>/dev/null; then echo "sandbox: FAIL: /etc was writable"; exit 1; fi
-exec env ZUNTA_CONF="$WORK/zunta.conf" ZUNTA_SNAPSHOT="$WORK/state/zunta-sa.log" \
+exec env ZUNTA_CONF="$WORK/zunta.conf" ZUNTA_SNAPSHOT="$WORK/state/zunta-sa.log" ZUNTA_STATUS_JSON="$WORK/state/zunta-status.json" \
   ZUNTA_DUMP_FILE="$WORK/state/zunta-dump.log" ZUNTA_TRAINING_STATUS_FILE="$WORK/state/training_status.log" \
   ZUNTA_AGENT_PORT="$AGENT_PORT" ZUNTA_TIME_SCALE="$TIME_SCALE" "$WORK/zunta-coord" -1
 '

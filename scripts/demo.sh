@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Runs the coordinator against the simulated four-node mesh (tools/meshsim/examples/four-nodes.topo)
-# on 127.0.60.x, with every file in a temporary directory and every wait scaled down.
+# on 127.0.60.x, with every file in a temporary directory and every wait scaled down. Installs what
+# the build needs from Debian's packages (as root), builds, then runs the daemon and the simulator
+# in a network namespace of their own in which only loopback is up.
 #
 #   scripts/demo.sh                 train every mesh pair once (zunta-coord -1) and exit
 #   scripts/demo.sh --daemon        run the continuous cycle with the topology check (zunta-coord -e):
@@ -9,14 +11,20 @@
 #                                   is trained again); then the daemon is stopped
 #   scripts/demo.sh --parallel      a generated 64-node mesh on 127.0.64.x trained once with
 #                                   parallel_training=true: each pair starts as soon as no pair within
-#                                   two hops of it trains; the whole pass takes about two minutes
+#                                   two hops of it trains; the whole pass takes about two minutes, and
+#                                   the status page shows it live on http://127.0.0.1:DEMO_PAGE_PORT/
+# Every mode ends by printing the path of a status page filled from its run (build/demo-page/).
 # Options:
 #   --keep                          keep the temporary directory (log, record, snapshot)
 #   --build-dir DIR                 build tree holding zunta-coord and zunta-meshsim (default build/)
-# Environment: DEMO_AGENT_PORT (default 12458), DEMO_DISCOVERY_PORT (default 12101).
+# Environment: DEMO_AGENT_PORT (default 12458), DEMO_DISCOVERY_PORT (default 12101), DEMO_PAGE_PORT
+# (default 18716).
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
+# shellcheck source=scripts/debian-packages.sh
+. "$ROOT/scripts/debian-packages.sh"
+ARGS=("$@")
 BUILD_DIR=$ROOT/build
 MODE=once
 KEEP=0
@@ -27,7 +35,9 @@ DISCOVERY_PORT=${DEMO_DISCOVERY_PORT:-12101}
 TIME_SCALE=0.05
 TOPOLOGY=$ROOT/tools/meshsim/examples/four-nodes.topo
 
-usage() { sed -n '2,15p' "$0" | sed 's/^# \{0,1\}//'; }
+PAGE_PORT=${DEMO_PAGE_PORT:-18716}
+
+usage() { sed -n '2,19p' "$0" | sed 's/^# \{0,1\}//'; }
 
 while (($#)); do
   case $1 in
@@ -44,11 +54,12 @@ done
 SIM_PID=
 COORD_PID=
 SLEEP_PID=
+PAGE_PID=
 WORK=
 
 cleanup() {
   local pid
-  for pid in "$SLEEP_PID" "$COORD_PID" "$SIM_PID"; do
+  for pid in "$SLEEP_PID" "$COORD_PID" "$SIM_PID" "$PAGE_PID"; do
     if [[ -n $pid ]] && kill -0 "$pid" 2>/dev/null; then
       kill "$pid" 2>/dev/null || true
       wait "$pid" 2>/dev/null || true
@@ -65,33 +76,19 @@ on_signal() {
     wait "$COORD_PID" 2>/dev/null || true
   fi
   COORD_PID=
+  if [[ -n $WORK && -f $WORK/coord.log ]]; then show_output; fi
   if [[ -n $WORK && -S $WORK/meshsim.sock ]]; then summary; fi
   exit 130
 }
 trap cleanup EXIT
 trap on_signal INT TERM
 
-as_root() {
-  if [[ $(id -u) == 0 ]]; then "$@"; else sudo "$@"; fi
-}
-
-install_tools() {
-  local missing=()
-  command -v cmake >/dev/null || missing+=(cmake)
-  command -v g++ >/dev/null || missing+=(g++)
-  command -v make >/dev/null || missing+=(make)
-  if ((${#missing[@]})); then
-    echo "demo: installing ${missing[*]}"
-    as_root apt-get update
-    as_root apt-get install -y "${missing[@]}"
-  fi
-}
-
+# A build tree made by the demo leaves the tests out; scripts/test.sh turns them on again.
 build() {
   if [[ ! -f $BUILD_DIR/CMakeCache.txt ]]; then
-    cmake -S "$ROOT" -B "$BUILD_DIR" -DZUNTA_BUILD_TESTS=OFF -DZUNTA_BUILD_BENCH=OFF
+    cmake -S "$ROOT" -B "$BUILD_DIR" -DZUNTA_BUILD_TESTS=OFF -DZUNTA_BUILD_BENCH=OFF >/dev/null
   fi
-  cmake --build "$BUILD_DIR" --target zunta-coord zunta-meshsim -j2
+  cmake --build "$BUILD_DIR" --target zunta-coord zunta-meshsim -j2 | grep -v '^\[\|^-- ' || true
 }
 
 start_simulator() {
@@ -118,21 +115,48 @@ EOF
   if [[ $MODE == parallel ]]; then echo "parallel_training=true" >>"$WORK/zunta.conf"; fi
 }
 
+# The daemon writes its log to a file; show_output prints what is new in it. The script alone
+# prints, so the daemon's lines and the script's section headers come out in the order they
+# happened.
 run_coordinator() {
-  env ZUNTA_CONF="$WORK/zunta.conf" ZUNTA_SNAPSHOT="$WORK/zunta-sa.log" \
+  env ZUNTA_CONF="$WORK/zunta.conf" ZUNTA_SNAPSHOT="$WORK/zunta-sa.log" ZUNTA_STATUS_JSON="$WWW/status.json" \
     ZUNTA_DUMP_FILE="$WORK/zunta-dump.log" ZUNTA_TRAINING_STATUS_FILE="$WORK/training_status.log" \
     ZUNTA_AGENT_PORT="$AGENT_PORT" ZUNTA_TIME_SCALE="$TIME_SCALE" \
-    "$BUILD_DIR/zunta-coord" "$@" > >(tee "$WORK/coord.log") &
+    "$BUILD_DIR/zunta-coord" "$@" >"$WORK/coord.log" &
   COORD_PID=$!
+}
+
+SHOWN=0  # lines of the daemon's log printed so far
+show_output() {
+  local complete
+  complete=$(wc -l <"$WORK/coord.log")
+  if ((complete > SHOWN)); then
+    sed -n "$((SHOWN + 1)),${complete}p" "$WORK/coord.log"
+    SHOWN=$complete
+  fi
+}
+
+# Waits for the daemon to exit, printing its log as it goes; returns its exit status.
+wait_coordinator() {
+  local status=0
+  while kill -0 "$COORD_PID" 2>/dev/null; do
+    show_output
+    sleep 0.2
+  done
+  wait "$COORD_PID" || status=$?
+  COORD_PID=
+  show_output
+  return "$status"
 }
 
 control() { "$BUILD_DIR/zunta-meshsim" --send "$WORK/meshsim.sock" "$1"; }
 
-# Waits until the daemon's output holds `count` lines matching `pattern`.
+# Waits until the printed part of the daemon's output holds `count` lines matching `pattern`.
 wait_output() {
   local pattern=$1 count=$2 seen
   for (( ; ; )); do
-    seen=$(grep -c -- "$pattern" "$WORK/coord.log" 2>/dev/null) || true
+    show_output
+    seen=$(head -n "$SHOWN" "$WORK/coord.log" | grep -c -- "$pattern") || true
     ((${seen:-0} >= count)) && return 0
     kill -0 "$COORD_PID" 2>/dev/null || return 1
     sleep 0.2
@@ -161,9 +185,53 @@ parallel_summary() {
   for n in n1 n2 n3 n4; do control "show $n" | cut -c1-160 || true; done
 }
 
-install_tools
-build
+# The status page beside the daemon's JSON document; with --parallel it is served on the host's
+# loopback (see below) and refreshes itself.
+serve_page() {
+  echo "demo: watch the pass on the status page: http://127.0.0.1:$PAGE_PORT/ (it refreshes every 4 s)"
+}
+
+# A copy of the status page with the run's last document inside it, to open from the file system.
+fill_page() {
+  local out=$BUILD_DIR/demo-page
+  [[ -f $WWW/status.json ]] || return 0
+  mkdir -p "$out"
+  awk -v doc="$WWW/status.json" '
+    /<script type="application\/json" id="embedded-status"><\/script>/ {
+      print "<script type=\"application/json\" id=\"embedded-status\">"
+      while ((getline line < doc) > 0) { gsub(/<\//, "<\\/", line); print line }
+      print "</script>"
+      next
+    }
+    { print }' "$ROOT/packaging/www/index.html" >"$out/index.html"
+  cp "$WWW/status.json" "$out/zunta-status.json"
+  echo "demo: the status page of this run: $out/index.html (its document: $out/zunta-status.json)"
+}
+
+if [[ -z ${ZUNTA_DEMO_ISOLATED:-} ]]; then
+  zunta_install_packages demo "${DEMO_PACKAGES[@]}"
+  if [[ $MODE == parallel ]]; then zunta_install_packages demo python3; fi
+  build
+  trap - EXIT INT TERM
+  page_env=()
+  if [[ $MODE == parallel ]]; then
+    # The page is served outside the demo's private network namespace, on the host's loopback, so
+    # that a browser on this machine reaches it; the server shows only the folder that holds the
+    # page and the document the daemon writes.
+    WWW=$(mktemp -d /tmp/zunta-demo-www-XXXXXX)
+    cp "$ROOT/packaging/www/index.html" "$WWW/index.html"
+    python3 -m http.server "$PAGE_PORT" --bind 127.0.0.1 --directory "$WWW" >/dev/null 2>&1 &
+    PAGE_PID=$!
+    trap 'kill "$PAGE_PID" 2>/dev/null || true; rm -rf "$WWW"' EXIT
+    page_env=(ZUNTA_DEMO_WWW="$WWW")
+  fi
+  status=0
+  zunta_isolated demo env ZUNTA_DEMO_ISOLATED=1 "${page_env[@]}" bash "$0" "${ARGS[@]}" || status=$?
+  exit "$status"
+fi
 WORK=$(mktemp -d /tmp/zunta-demo-XXXXXX)
+WWW=${ZUNTA_DEMO_WWW:-$WORK/www}
+mkdir -p "$WWW"
 if [[ $MODE == parallel ]]; then
   RANGE=127.0.64
   DISCOVERY_ADDRESS=$RANGE.255
@@ -175,15 +243,16 @@ write_config
 if [[ $MODE == parallel ]]; then
   echo "demo: generated mesh of 64 nodes on $RANGE.1-64, agents on port $AGENT_PORT, discovery at" \
     "$DISCOVERY_ADDRESS:$DISCOVERY_PORT; parallel_training=true"
+  serve_page
   started=$SECONDS
   status=0
-  run_coordinator -1 >/dev/null
+  run_coordinator -1
   wait "$COORD_PID" || status=$?
   COORD_PID=
-  sleep 0.5  # tee writes the last lines
   grep -E 'Training (triggered|ends)' "$WORK/coord.log" | cut -c1-140
   parallel_summary
   echo "demo: the whole pass took $((SECONDS - started)) s at time scale $TIME_SCALE"
+  fill_page
   exit "$status"
 fi
 echo "demo: mesh of four nodes on $RANGE.1-4, agents on port $AGENT_PORT, discovery at $DISCOVERY_ADDRESS:$DISCOVERY_PORT"
@@ -191,9 +260,9 @@ echo "demo: mesh of four nodes on $RANGE.1-4, agents on port $AGENT_PORT, discov
 status=0
 if [[ $MODE == once ]]; then
   run_coordinator -1
-  wait "$COORD_PID" || status=$?
-  COORD_PID=
+  wait_coordinator || status=$?
   summary
+  fill_page
   exit "$status"
 fi
 
@@ -208,7 +277,7 @@ control "mesh n3 n4 300000"
 wait_output "Training ends" 2
 wait_output "Pattern Set for Mesh Pair" 11
 kill "$COORD_PID" 2>/dev/null || true
-wait "$COORD_PID" 2>/dev/null || true
-COORD_PID=
+wait_coordinator || true
 summary
+fill_page
 exit 0

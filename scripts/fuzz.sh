@@ -8,6 +8,9 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
+# shellcheck source=scripts/debian-packages.sh
+. scripts/debian-packages.sh
+zunta_install_packages fuzz.sh "${FUZZ_PACKAGES[@]}"
 
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz -j 2

@@ -1,10 +1,14 @@
 #!/usr/bin/env bash
-# Builds zunta and runs every test: first the default build, then the sanitizer build, then a few
-# seconds of each fuzz harness over its seed corpus.
+# Builds zunta and runs every test: first the default build, then the sanitizer build, then the
+# status page in headless Chromium, then a few seconds of each fuzz harness over its seed corpus.
 # With --arm: cross-builds for 32-bit ARM instead and runs every test under qemu-arm.
-# Installs what is missing from Debian's packages first (as root, with apt-get).
+# Installs what is missing from Debian's packages first (as root, see debian-packages.sh). The tests
+# run in a network namespace of their own in which only loopback is up; a run in which CTest finds
+# no test fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+# shellcheck source=scripts/debian-packages.sh
+. scripts/debian-packages.sh
 
 arm=false
 case "${1:-}" in
@@ -16,29 +20,10 @@ case "${1:-}" in
     ;;
 esac
 
-missing=()
-command -v cmake >/dev/null 2>&1 || missing+=(cmake)
-command -v make >/dev/null 2>&1 || missing+=(make)
-command -v unshare >/dev/null 2>&1 || missing+=(util-linux)
 if $arm; then
-  # GoogleTest is built from Debian's sources with the cross compiler: the multiarch ARM packages
-  # use a 32-bit time_t.
-  command -v arm-linux-gnueabihf-g++ >/dev/null 2>&1 || missing+=(g++-arm-linux-gnueabihf)
-  command -v qemu-arm >/dev/null 2>&1 || missing+=(qemu-user)
-  [ -f /usr/src/googletest/CMakeLists.txt ] || missing+=(googletest)
+  zunta_install_packages test.sh "${ARM_TEST_PACKAGES[@]}"
 else
-  command -v g++ >/dev/null 2>&1 || missing+=(g++)
-  [ -f /usr/include/gtest/gtest.h ] || missing+=(libgtest-dev)
-  [ -f /usr/include/gmock/gmock.h ] || missing+=(libgmock-dev)
-  [ -f /usr/include/benchmark/benchmark.h ] || missing+=(libbenchmark-dev)
-  command -v clang++-14 >/dev/null 2>&1 || missing+=(clang-14)
-  compgen -G "/usr/lib/llvm-14/lib/clang/*/lib/linux/libclang_rt.fuzzer-*.a" >/dev/null || missing+=(libclang-rt-14-dev)
-fi
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "test.sh: installing ${missing[*]}"
-  export DEBIAN_FRONTEND=noninteractive
-  apt-get update -q
-  apt-get install -y -q --no-install-recommends "${missing[@]}"
+  zunta_install_packages test.sh "${TEST_PACKAGES[@]}"
 fi
 
 jobs=$(nproc 2>/dev/null || echo 2)
@@ -57,15 +42,20 @@ if $arm; then
 fi
 for preset in "${presets[@]}"; do
   echo "== $preset build =="
+  # The preset turns the tests on, also in a build tree that scripts/demo.sh or a hand build made.
   cmake --preset "$preset"
   cmake --build --preset "$preset" -j "$jobs"
-  ctest --preset "$preset" -j "$jobs"
+  zunta_isolated test.sh ctest --preset "$preset" -j "$jobs"
 done
 if $arm; then
   arm-linux-gnueabihf-strip -o build-arm/zunta-coord.stripped build-arm/zunta-coord
   echo "test.sh: ARM zunta-coord stripped: $(stat -c %s build-arm/zunta-coord.stripped) bytes, needs" \
     "$(arm-linux-gnueabihf-readelf -d build-arm/zunta-coord | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | tr '\n' ' ')"
 else
+  echo "== status page in headless Chromium =="
+  browser_started=$SECONDS
+  zunta_isolated test.sh ctest --preset browser
+  echo "test.sh: status page checked in $((SECONDS - browser_started)) s; screenshots in build/browser/"
   echo "== fuzz smoke =="
   scripts/fuzz.sh 5
 fi

@@ -10,6 +10,7 @@
 #include "coordinator/measure.h"
 #include "coordinator/options.h"
 #include "coordinator/snapshot.h"
+#include "coordinator/training_memory.h"
 #include "core/log.h"
 #include "meshpair/meshpair.h"
 #include "training/pass.h"
@@ -70,6 +71,7 @@ cycle_next train_once(cycle_state* s) {
   zunta_select_and_apply_patterns(s);
   zunta_pass_end();
   zunta_snapshot_info(coordinator, s->opts);
+  zunta_training_memory_save(s->opts->training_memory, coordinator);
   ZLOG(COMP_CORE, LVL_U, "Training ends\n");
   s->training_needed = 0;
   return cycle_next::exit_path;
@@ -122,6 +124,14 @@ bool zunta_command_line_valid(const cycle_state* s) {
   if (s->argc >= 4 && parse_pattern(s->argv[2], &value) && parse_pattern(s->argv[3], &value)) return true;
   ZLOG_AS("main", COMP_CORE, LVL_E, "Option -2 needs two integer patterns: -2 <left> <right>\n");
   return false;
+}
+
+bool zunta_command_line_runs_cycle(const cycle_state* s) {
+  if (s->argc < 2) return true;
+  for (const command_line_option& option : COMMAND_LINE_OPTIONS) {
+    if (std::strcmp(s->argv[1], option.text) == 0) return option.apply == enable_topology_check;
+  }
+  return true;
 }
 
 cycle_next zunta_apply_command_line(cycle_state* s) {

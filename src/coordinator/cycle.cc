@@ -17,6 +17,8 @@
 #include "coordinator/options.h"
 #include "coordinator/schedule.h"
 #include "coordinator/snapshot.h"
+#include "coordinator/status_json.h"
+#include "coordinator/training_memory.h"
 #include "core/log.h"
 #include "core/runtime.h"
 #include "core/text.h"
@@ -61,7 +63,10 @@ bool start_up(cycle_state* s) {
     return false;
   }
   s->training_needed = 1;
+  zunta_status_json_watch(s->opts);
   zunta_snapshot_info(coordinator, s->opts);
+  // Options -0 to -3 act on the mesh as they find it, and -1 trains every pair whatever it knows.
+  if (zunta_command_line_runs_cycle(s)) s->memory = zunta_training_memory_load(s->opts->training_memory);
   return true;
 }
 
@@ -101,6 +106,7 @@ struct kept_rx {
   char mac[MAC_TEXT_SIZE];
   int32_t eth_index;
   int32_t rx_pattern;
+  uint8_t rx_chosen;
 };
 struct free_deleter {
   void operator()(void* p) const { std::free(p); }
@@ -123,6 +129,7 @@ kept_rx_table keep_rx_patterns(int32_t* count) {
     zunta_copy_text(k.mac, a->mac);
     k.eth_index = a->eth_index;
     k.rx_pattern = a->rx_pattern;
+    k.rx_chosen = a->rx_chosen;
   }
   return kept;
 }
@@ -132,6 +139,7 @@ void restore_rx_patterns(const kept_rx_table& kept, int32_t count) {
     for (int32_t i = 0; i < count; ++i) {
       if (kept[i].eth_index == a->eth_index && zunta_text_equal(kept[i].mac, a->mac)) {
         a->rx_pattern = kept[i].rx_pattern;
+        a->rx_chosen = kept[i].rx_chosen;
         break;
       }
     }
@@ -215,6 +223,7 @@ void training_pass(cycle_state* s) {
   ZLOG(COMP_CORE, LVL_I, "No more training needed for new mesh pairs\n");
   ZLOG(COMP_CORE, LVL_I, "Trained mesh pairs: %d\n", coordinator->trained_mesh_pair_count);
   zunta_snapshot_info(coordinator, s->opts);
+  zunta_training_memory_save(s->opts->training_memory, coordinator);
 }
 
 // Pairs were removed: the remaining trained pairs keep their transmit patterns, the receive
@@ -225,6 +234,30 @@ void rx_update_pass(cycle_state* s) {
   zunta_apply_trained_patterns();
   s->topology_changed = 0;
   s->rx_update = 0;
+  zunta_training_memory_save(s->opts->training_memory, coordinator);
+}
+
+// The first mesh pairs after start-up, whenever a discovery finds them: those the memory holds are
+// trained already. Their patterns are applied at once, before any other pair trains; the pass that
+// trains the others applies them again with the new ones. With every pair remembered no pass is
+// needed, and the schedule starts as after the first one. The memory is then let go: later pairs,
+// and every pair after a scheduled flush, are trained.
+void recall_training_memory(cycle_state* s) {
+  if (s->memory == nullptr || coordinator->mesh_pair_count <= 0) return;
+  int32_t to_train = 0;
+  const int32_t recalled = zunta_training_memory_recall(coordinator, s->memory, &to_train);
+  ZLOG(COMP_CORE, LVL_U, "Recalled %d trained mesh pairs from %s, %d to train\n", recalled, s->memory->path,
+       to_train);
+  zunta_training_memory_free(s->memory);
+  s->memory = nullptr;
+  if (recalled == 0) return;
+  zunta_compute_rx_antennas(coordinator, command);
+  zunta_apply_trained_patterns();
+  if (to_train > 0) return;
+  s->training_needed = 0;
+  s->topology_changed = 0;
+  if (s->training_state == TRAINING_STATE_FIRST_PENDING) s->training_state = TRAINING_STATE_FIRST_DONE;
+  zunta_training_memory_save(s->opts->training_memory, coordinator);
 }
 
 cycle_next run_cycle(cycle_state* s) {
@@ -240,6 +273,7 @@ cycle_next run_cycle(cycle_state* s) {
   if (s->argc > 1 && zunta_apply_command_line(s) == cycle_next::exit_path) return cycle_next::exit_path;
   zunta_snapshot_info(coordinator, s->opts);
   ZLOG(COMP_FLOW, LVL_I, ">>>>>>>>>>>>>>> %s\n", "training_mesh_pairs");
+  recall_training_memory(s);
   if (s->training_needed && s->new_mesh_pair) training_pass(s);
   if (s->topology_changed && s->rx_update) rx_update_pass(s);
   zunta_snapshot_info(coordinator, s->opts);
@@ -249,6 +283,9 @@ cycle_next run_cycle(cycle_state* s) {
 }
 
 int exit_path(cycle_state* s) {
+  zunta_status_json_unwatch();
+  zunta_training_memory_free(s->memory);
+  s->memory = nullptr;
   std::free(s->opts);
   s->opts = nullptr;
   master_free();

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 struct options;
+struct training_memory;
 
 struct cycle_state {
   int argc;
@@ -19,6 +20,7 @@ struct cycle_state {
   uint8_t topology_check;    // option -e
   int32_t training_state;    // shared with the schedule
   int32_t interval;          // measurement interval of option -3, seconds
+  training_memory* memory;   // read at start-up, owned until the first mesh pairs recall it
 };
 
 enum class cycle_next { go_on, exit_path };
@@ -26,6 +28,9 @@ enum class cycle_next { go_on, exit_path };
 // Start-up check of the first argument: false (with an error line) when option -2 lacks its two
 // integer patterns.
 bool zunta_command_line_valid(const cycle_state* s);
+
+// True when the first argument leaves the daemon in the control cycle (none, -e, or one it ignores).
+bool zunta_command_line_runs_cycle(const cycle_state* s);
 
 // Obeys the first command-line argument; tells whether the cycle goes on or exits.
 cycle_next zunta_apply_command_line(cycle_state* s);

@@ -21,10 +21,11 @@ void print_usage() {
       "  -2 LEFT RIGHT   put patterns LEFT and RIGHT on every mesh pair, then exit\n"
       "  -3 [SECONDS]    measure the bitrate of every mesh pair for ever (default 6 s)\n"
       "  --version       print the version and exit\n"
-      "  --help          print this text and exit\n"
+      "  -h, --help      print this text and exit\n"
       "Configuration file: %s\n"
-      "Status file: %s\n",
-      zunta_conf_path(), zunta_snapshot_path());
+      "Status file: %s\n"
+      "Status document (JSON): %s\n",
+      zunta_conf_path(), zunta_snapshot_path(), zunta_status_json_path());
 }
 
 }  // namespace
@@ -43,7 +44,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "zunta-coord: %s\n", error);
     return 2;
   }
-  if (argc >= 2 && std::strcmp(argv[1], "--help") == 0) {
+  if (argc >= 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
     print_usage();
     return 0;
   }

@@ -86,6 +86,21 @@ void set_parallel_training(const char* value, int, options* opts) {
   opts->parallel_training = std::strcmp(value, "true") == 0 ? 1 : 0;
 }
 
+// The first word of the value, an absolute path. Anything else turns the memory off for this load:
+// a relative path would depend on the directory the daemon happens to be started in.
+void set_training_memory(const char* value, int number, options* opts) {
+  static_assert(CONFIG_READ_SIZE <= sizeof opts->training_memory, "every word of a line fits");
+  char word[CONFIG_READ_SIZE];
+  opts->training_memory[0] = '\0';
+  if (std::sscanf(value, "%127s", word) != 1) return;  // empty: no memory
+  if (word[0] != '/') {
+    ZLOG(COMP_CORE, LVL_W, "training_memory at line %d is not an absolute path: %s; no training memory\n",
+         number, word);
+    return;
+  }
+  zunta_copy_text(opts->training_memory, word);  // a line holds fewer characters than the field
+}
+
 struct config_key {
   const char* key;
   void (*apply)(const char* value, int number, options* opts);
@@ -99,6 +114,7 @@ constexpr config_key CONFIG_KEYS[] = {
     {"training_frequency_minutes", set_training_frequency},
     {"discovery_check_sender", set_discovery_check_sender},
     {"parallel_training", set_parallel_training},
+    {"training_memory", set_training_memory},
 };
 
 // Handles one read of the file; `number` counts reads, so a long line counts more than once.
@@ -171,6 +187,7 @@ void zunta_init_config_options(options* opts) {
   opts->broadcast_port = DEFAULT_BROADCAST_PORT;
   opts->discovery_check_sender = 0;
   opts->parallel_training = 0;
+  opts->training_memory[0] = '\0';
   ZLOG(COMP_CORE, LVL_I, "Init options DONE\n");
 }
 
@@ -198,6 +215,7 @@ void zunta_config_parse_text(const char* text, std::size_t size, options* opts) 
   if (opts == nullptr || text == nullptr) return;
   opts->discovery_check_sender = 0;  // follows the file: off unless a line turns it on
   opts->parallel_training = 0;       // the same
+  opts->training_memory[0] = '\0';   // the same: no memory unless a line names the file
   // Pieces as a line reader with a 128-byte buffer takes them: up to and including a line feed,
   // at most 127 bytes. A NUL byte inside a piece ends its text there.
   char line[CONFIG_READ_SIZE];

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/runtime.h"
 #include "core/text.h"
 
 constexpr char DEFAULT_BROADCAST_ADDRESS[] = "192.168.1.255";
@@ -25,18 +26,20 @@ struct options {
   // the file turns it on.
   uint8_t discovery_check_sender = 0;
   uint8_t parallel_training = 0;  // 1: pairs two hops apart train together; off unless the file says true
+  // Absolute path of the file that keeps the trained pairs across restarts; empty (no memory, nothing
+  // read or written) unless the file names one.
+  char training_memory[RUNTIME_PATH_SIZE] = {};
 };
 
-// Sets root, broadcast_address, broadcast_port, discovery_check_sender and parallel_training to
-// their defaults;
-// leaves the schedule fields.
+// Sets root, broadcast_address, broadcast_port, discovery_check_sender, parallel_training and
+// training_memory to their defaults; leaves the schedule fields.
 void zunta_init_config_options(options* opts);
 
 // Reads key=value lines of the file at path into opts. The two schedule fields are reset to 0
-// first, on every load; discovery_check_sender and parallel_training are reset to 0 once the file
-// has been read, so they follow the file and a failed load keeps them; the other fields change only when
-// their key is present. Returns 0 when the file was read to its end, -1 when it could not be opened, is not a
-// regular file or is larger than CONFIG_MAX_BYTES (nothing of it is applied then). The open never
+// first, on every load; discovery_check_sender, parallel_training and training_memory are reset once
+// the file has been read, so they follow the file and a failed load keeps them; the other fields change only
+// when their key is present. Returns 0 when the file was read to its end, -1 when it could not be opened, is
+// not a regular file or is larger than CONFIG_MAX_BYTES (nothing of it is applied then). The open never
 // blocks, so a FIFO or a device in place of the file cannot stall the cycle.
 int zunta_config_load_options(const char* path, options* opts);
 

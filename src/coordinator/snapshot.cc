@@ -2,6 +2,9 @@
 // both ends of every trained mesh pair, rewritten whole on every call.
 #include "coordinator/snapshot.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -9,6 +12,7 @@
 
 #include "coordinator/coordinator.h"
 #include "coordinator/options.h"
+#include "coordinator/status_json.h"
 #include "core/atomic_file.h"
 #include "core/clock.h"
 #include "core/log.h"
@@ -51,22 +55,28 @@ void write_pair(std::FILE* file, struct coordinator* coordinator, trained_mesh_p
   std::fprintf(file, "    },\n");
 }
 
-}  // namespace
+// Why the finished document could not take the file's place. In a sticky directory such as /tmp
+// only the owner of a file may replace it: a file left there by another user (a manual run as root,
+// say) blocks every later write, so the line names that owner.
+void log_not_replaced(const char* path, int error) {
+  struct stat st = {};
+  if ((error == EPERM || error == EACCES) && lstat(path, &st) == 0 && st.st_uid != geteuid()) {
+    ZLOG_AS("zunta_snapshot_info", COMP_CORE, LVL_E,
+            "ERROR writing file %s: %s (it belongs to uid %u, and only its owner may replace it)\n", path,
+            std::strerror(error), static_cast<unsigned>(st.st_uid));
+    return;
+  }
+  ZLOG_AS("zunta_snapshot_info", COMP_CORE, LVL_E, "ERROR writing file %s: %s\n", path, std::strerror(error));
+}
 
-int zunta_snapshot_info(struct coordinator* coordinator, const options* opts) {
-  ZLOG(COMP_CORE, LVL_I, "snapshot\n");
-  if (coordinator == nullptr) {
-    ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for Coordinator\n");
-    return -1;
-  }
-  if (opts == nullptr) {
-    ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for options\n");
-    return -1;
-  }
-  // Readers find the previous document until the new one is complete.
+// Readers find the previous document until the new one is complete.
+int write_snapshot(struct coordinator* coordinator, const options* opts) {
   replacement_file file;
   if (file.open(zunta_snapshot_path()) != 0) {
-    ZLOG(COMP_CORE, LVL_E, "ERROR opening file %s!\n", zunta_snapshot_path());
+    int error = errno;
+    ZLOG_AS("zunta_snapshot_info", COMP_CORE, LVL_E, "ERROR opening file %s!\n", zunta_snapshot_path());
+    ZLOG_AS("zunta_snapshot_info", COMP_CORE, LVL_E, "No new file for %s can be created in its directory: %s\n",
+            zunta_snapshot_path(), std::strerror(error));
     return -1;
   }
   char now[TIME_TEXT_SIZE];
@@ -85,8 +95,26 @@ int zunta_snapshot_info(struct coordinator* coordinator, const options* opts) {
   std::fprintf(out, "  ]\n");
   std::fprintf(out, "}\n");
   if (file.commit() != 0) {
-    ZLOG(COMP_CORE, LVL_E, "ERROR writing file %s: %s\n", zunta_snapshot_path(), std::strerror(errno));
+    log_not_replaced(zunta_snapshot_path(), errno);
     return -1;
   }
   return 0;
+}
+
+}  // namespace
+
+int zunta_snapshot_info(struct coordinator* coordinator, const options* opts) {
+  ZLOG(COMP_CORE, LVL_I, "snapshot\n");
+  if (coordinator == nullptr) {
+    ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for Coordinator\n");
+    return -1;
+  }
+  if (opts == nullptr) {
+    ZLOG(COMP_CORE, LVL_E, "NULL pointer exception for options\n");
+    return -1;
+  }
+  const int result = write_snapshot(coordinator, opts);
+  // The JSON document follows every status file, written or not; its failures are its own.
+  zunta_status_json_write(coordinator, opts);
+  return result;
 }

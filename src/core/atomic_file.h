@@ -22,10 +22,13 @@ class replacement_file {
   std::FILE* stream() const { return file_.get(); }
   // Checks every write, closes the new file and renames it over the target (a link there is
   // replaced, not followed). 0, or -1 with errno set, the new file removed and the target as it was.
-  [[nodiscard]] int commit();
+  // `durable`: the new file reaches the storage before the rename, and the rename before the return,
+  // for documents that must outlive a power cut.
+  [[nodiscard]] int commit(bool durable = false);
 
  private:
   void discard();
+  void sync_directory() const;
 
   unique_file file_;
   char target_[RUNTIME_PATH_SIZE] = {};

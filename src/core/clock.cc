@@ -5,6 +5,7 @@
 
 #include "core/log.h"
 #include "core/platform.h"
+#include "core/text.h"
 
 int32_t timevaldiff(const timeval* from, const timeval* to) {
   if (from == nullptr || to == nullptr) {
@@ -81,4 +82,24 @@ void print_systime(char (&text)[TIME_TEXT_SIZE]) {
 
 void print_datetime(char (&text)[TIME_TEXT_SIZE]) {
   format_local_time(text, "%F %H:%M:%S");
+}
+
+bool print_iso_time(char (&text)[TIME_TEXT_SIZE], int64_t seconds) {
+  text[0] = '\0';
+  const auto when = static_cast<time_t>(seconds);
+  tm local{};
+  char date[TIME_TEXT_SIZE];
+  if (static_cast<int64_t>(when) != seconds || localtime_r(&when, &local) == nullptr ||
+      strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &local) == 0) {
+    return false;
+  }
+  // strftime's %z has no colon ("+0100"); the offset is written out from the seconds east of UTC.
+  const long east = local.tm_gmtoff;
+  const long minutes = (east < 0 ? -east : east) / 60;
+  if (!zunta_format_buffer(text, sizeof text, "%s%c%02ld:%02ld", date, east < 0 ? '-' : '+', minutes / 60,
+                           minutes % 60)) {
+    text[0] = '\0';
+    return false;
+  }
+  return true;
 }

@@ -41,5 +41,8 @@ int32_t timediff(uint32_t now, uint32_t then);
 // Current local time as "%H:%M:%S" and "%F %H:%M:%S".
 void print_systime(char (&text)[TIME_TEXT_SIZE]);
 void print_datetime(char (&text)[TIME_TEXT_SIZE]);
+// Wall-clock `seconds` as local time in ISO 8601 with the offset from UTC,
+// "2026-11-25T15:04:05+01:00". False (text empty) when the time cannot be converted.
+bool print_iso_time(char (&text)[TIME_TEXT_SIZE], int64_t seconds);
 
 #endif  // ZUNTA_CORE_CLOCK_H_

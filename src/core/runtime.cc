@@ -16,12 +16,16 @@ constexpr double MAX_TIME_SCALE = 1000.0;
 struct runtime {
   char conf_path[RUNTIME_PATH_SIZE];
   char snapshot_path[RUNTIME_PATH_SIZE];
+  char status_json_path[RUNTIME_PATH_SIZE];
   char training_status_path[RUNTIME_PATH_SIZE];
   uint16_t agent_port;
   double time_scale;
 };
 
-runtime g_runtime = {"/etc/zunta.conf", "/tmp/zunta-sa.log", "/tmp/training_status.log", AGENT_PORT, 1.0};
+runtime g_runtime = {
+    "/etc/zunta.conf",          "/tmp/zunta-sa.log", "/tmp/zunta-status.json",
+    "/tmp/training_status.log", AGENT_PORT,          1.0,
+};
 
 // Copies an override path; false (with the reason) when it is empty or does not fit.
 template <std::size_t N>
@@ -77,6 +81,7 @@ int zunta_runtime_init(char* error, std::size_t error_size) {
   zunta_copy_text(dump_file, global_log.dump_file);
   if (!take_path("ZUNTA_CONF", next.conf_path, error, error_size) ||
       !take_path("ZUNTA_SNAPSHOT", next.snapshot_path, error, error_size) ||
+      !take_path("ZUNTA_STATUS_JSON", next.status_json_path, error, error_size) ||
       !take_path("ZUNTA_TRAINING_STATUS_FILE", next.training_status_path, error, error_size) ||
       !take_path("ZUNTA_DUMP_FILE", dump_file, error, error_size) ||
       !take_port(&next.agent_port, error, error_size) || !take_scale(&next.time_scale, error, error_size)) {
@@ -92,6 +97,9 @@ const char* zunta_conf_path() {
 }
 const char* zunta_snapshot_path() {
   return g_runtime.snapshot_path;
+}
+const char* zunta_status_json_path() {
+  return g_runtime.status_json_path;
 }
 const char* zunta_training_status_path() {
   return g_runtime.training_status_path;

@@ -4,6 +4,7 @@
 //
 //   ZUNTA_CONF                  configuration file        (/etc/zunta.conf)
 //   ZUNTA_SNAPSHOT              status snapshot           (/tmp/zunta-sa.log)
+//   ZUNTA_STATUS_JSON           JSON status document      (/tmp/zunta-status.json)
 //   ZUNTA_DUMP_FILE             dump file                 (/tmp/zunta-dump.log)
 //   ZUNTA_TRAINING_STATUS_FILE  training status file      (/tmp/training_status.log)
 //   ZUNTA_AGENT_PORT            TCP port of node agents   (12458)
@@ -26,6 +27,7 @@ int zunta_runtime_init(char* error, std::size_t error_size);
 
 const char* zunta_conf_path();
 const char* zunta_snapshot_path();
+const char* zunta_status_json_path();
 const char* zunta_training_status_path();
 uint16_t zunta_agent_port();
 double zunta_time_scale();

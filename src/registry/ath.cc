@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/clock.h"
 #include "core/log.h"
 
 namespace {
@@ -61,6 +62,11 @@ int zunta_ath_add(node_tables* coordinator, char (&buffer)[COMMAND_SIZE], const 
   a->eth_index = eth_index;
   a->discovery_value = discovery_value;
   a->is_mesh_node = 0;
+  // Discovery makes every record anew from the answers of one request: the record's birth is
+  // when its node last answered.
+  timeval now{};
+  zunta_wall_time(&now);
+  a->answered_at = static_cast<int64_t>(now.tv_sec);
   // Only the node's first interface is asked for its clients.
   if (eth_index != 0) return 0;
   if (fetch_module_clients(coordinator, buffer, a) != 0) {

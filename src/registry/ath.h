@@ -38,7 +38,9 @@ struct ath {
   uint8_t is_mesh_node;
   int32_t rx_pattern;  // RX_PATTERN_NONE when none is chosen; 0 in a new record
   float rx_score[4];
-  sa_list list;  // in the coordinator's ath_list
+  uint8_t rx_chosen;    // 1 when receive selection set rx_pattern (0 in a new record, whose 0 is no choice)
+  int64_t answered_at;  // wall-clock seconds when the record was made from a discovery answer
+  sa_list list;         // in the coordinator's ath_list
 };
 
 static_assert(std::is_trivial_v<ath> && std::is_standard_layout_v<ath>,
@@ -106,7 +108,7 @@ int zunta_start_mesh_optimization(char (&buffer)[COMMAND_SIZE], ath* a, const ch
 // Command 9; the answer is left in the caller's answer buffer (cleared by the caller).
 int zunta_get_module_client_list(char (&buffer)[COMMAND_SIZE], ath* a, char (&answer)[ANSWER_SIZE]);
 
-// Sets the four rx_score values to 0.0 and rx_pattern to RX_PATTERN_NONE.
+// Sets the four rx_score values to 0.0, rx_pattern to RX_PATTERN_NONE and rx_chosen to 0.
 void zunta_reset_ath_rx_stats(ath* a);
 
 #endif  // ZUNTA_REGISTRY_ATH_H_

@@ -91,4 +91,5 @@ void zunta_reset_ath_rx_stats(ath* a) {
   for (float& score : a->rx_score)
     score = 0.0f;
   a->rx_pattern = RX_PATTERN_NONE;
+  a->rx_chosen = 0;
 }

@@ -12,10 +12,22 @@ struct choice {
   int32_t left;
   int32_t right;
   double cfun;
+  int32_t round;
 };
 
-void take(choice& c, const txcs_record& rec, double cfun) {
-  c = {true, rec.left_pattern, rec.right_pattern, cfun};
+void take(choice& c, const txcs_record& rec, double cfun, int32_t round) {
+  c = {true, rec.left_pattern, rec.right_pattern, cfun, round};
+}
+
+double cost(const txcs_record& rec) {
+  return 0.0 + static_cast<double>(rec.left_avg_bitrate_ma + rec.right_avg_bitrate_ma);
+}
+
+// Rounds are visited in order and only a strictly better value replaces: ties keep the earlier
+// round. A round whose reported patterns lie outside 0..3 cannot be applied and is never best.
+bool beats(const choice& best, const txcs_record& rec, double cfun) {
+  return (!best.found || cfun > best.cfun) && zunta_pattern_valid(rec.left_pattern) &&
+         zunta_pattern_valid(rec.right_pattern);
 }
 
 }  // namespace
@@ -29,28 +41,25 @@ void zunta_compute_best_mp_training(trained_mesh_pair* tp) {
     ZLOG(COMP_TR, LVL_E, "NULL pointer exception for Mesh Pair TXCS\n");
     return;
   }
-  choice best = {false, 0, 0, -1.0};
-  choice worst = {false, 0, 0, -1.0};
+  choice best = {false, 0, 0, -1.0, -1};
+  choice worst = {false, 0, 0, -1.0, -1};
   for (int i = 0; i < TXCS_ROUNDS; ++i) {
     if (tp->radioidx != TRAINING_RADIO_INDEX) {
       ZLOG(COMP_TR, LVL_I, "UNEXPECTED radio index\n");
       continue;
     }
     const txcs_record& rec = tp->txcs->rounds[i];
-    const double cfun = 0.0 + static_cast<double>(rec.left_avg_bitrate_ma + rec.right_avg_bitrate_ma);
+    const double cfun = cost(rec);
     ZLOG(COMP_TR, LVL_I, "dpattern: %d: Pattern:%d-%d - cfun: %.0f\n", i, rec.left_pattern, rec.right_pattern,
          cfun);
-    // Rounds are visited in order and only a strictly better value replaces: ties keep the earlier
-    // round. A round whose reported patterns lie outside 0..3 cannot be applied and is never best;
-    // it still counts for the worst, which is only logged.
-    if ((!best.found || cfun > best.cfun) && zunta_pattern_valid(rec.left_pattern) &&
-        zunta_pattern_valid(rec.right_pattern)) {
+    // A round that cannot be best still counts for the worst, which is only logged.
+    if (beats(best, rec, cfun)) {
       ZLOG(COMP_TR, LVL_I, "updating best pattern...\n");
-      take(best, rec, cfun);
+      take(best, rec, cfun, i);
     }
     if (!worst.found || cfun < worst.cfun) {
       ZLOG(COMP_TR, LVL_I, "updating worst pattern...\n");
-      take(worst, rec, cfun);
+      take(worst, rec, cfun, i);
     }
   }
   // Without a qualifying round there is no evidence for any pattern: the pair holds no transmit
@@ -66,6 +75,16 @@ void zunta_compute_best_mp_training(trained_mesh_pair* tp) {
   tp->right_tx_pattern = best.right;
   ZLOG(COMP_TR, LVL_I, "BEST PATTERN: left -> %d right -> %d\n", tp->left_tx_pattern, tp->right_tx_pattern);
   ZLOG(COMP_TR, LVL_I, "WORST PATTERN: left -> %d right -> %d\n", worst.left, worst.right);
+}
+
+int32_t zunta_best_round(const txcs_block* block, int32_t radioidx) {
+  if (block == nullptr || radioidx != TRAINING_RADIO_INDEX) return -1;
+  choice best = {false, 0, 0, -1.0, -1};
+  for (int32_t i = 0; i < TXCS_ROUNDS; ++i) {
+    const txcs_record& rec = block->rounds[i];
+    if (beats(best, rec, cost(rec))) take(best, rec, cost(rec), i);
+  }
+  return best.round;
 }
 
 int32_t zunta_get_double_pattern_index(int32_t left_index, int32_t right_index) {

@@ -24,7 +24,10 @@ void apply_single_link(mesh_tables* coordinator, char (&buffer)[COMMAND_SIZE], c
   if (!zunta_agent_unanswering(a->ip, AGENT_FAILED_TRAINING))
     zunta_set_pattern(buffer, a->ip, left ? tp->right_mac : tp->left_mac, pattern);
   ath* end = zunta_trained_pair_ath(coordinator, tp, side);
-  if (end != nullptr) end->rx_pattern = pattern;
+  if (end != nullptr) {
+    end->rx_pattern = pattern;
+    end->rx_chosen = 1;
+  }
 }
 
 // The highest of the four summed scores; a tie keeps the lower pattern index.
@@ -75,6 +78,7 @@ int zunta_compute_rx_antennas(mesh_tables* coordinator, char (&buffer)[COMMAND_S
     // A node that stopped a pair of this cycle's parallel training has cost its attempts once.
     if (!zunta_agent_unanswering(a->ip, AGENT_FAILED_TRAINING)) zunta_set_pattern_rx(buffer, a->ip, chosen);
     a->rx_pattern = chosen;
+    a->rx_chosen = 1;
   }
   return 0;
 }

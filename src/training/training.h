@@ -15,6 +15,7 @@ struct mesh_pair;
 struct mesh_tables;
 struct node_tables;
 struct trained_mesh_pair;
+struct txcs_block;
 
 constexpr int32_t PATTERN_COUNT = 4;
 constexpr int32_t DEFAULT_PATTERN = 3;
@@ -86,6 +87,9 @@ bool zunta_mp_parallel_training(const node_tables* nodes, mesh_pair* const* pair
 // of radio 2 whose reported patterns lie in 0..3 qualify; without one the patterns are kept.
 void zunta_compute_best_mp_training(trained_mesh_pair* tp);
 int32_t zunta_get_double_pattern_index(int32_t left_index, int32_t right_index);
+// The round whose reported patterns the selection above picks for a block of sixteen measured
+// rounds (the same rule, without its log lines), or -1 when none qualifies.
+int32_t zunta_best_round(const txcs_block* block, int32_t radioidx);
 
 // Scores every mesh node's receive patterns over its trained pairs and commands the best one.
 int zunta_compute_rx_antennas(mesh_tables* coordinator, char (&buffer)[COMMAND_SIZE]);

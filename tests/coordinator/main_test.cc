@@ -2,9 +2,12 @@
 // reaching a pipe line by line.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <regex>
 #include <string>
 #include <thread>
@@ -130,7 +133,8 @@ TEST(DaemonStartTest, MeasurementIntervalFromTheCommandLine) {
   }
 }
 
-// Both answer on standard output without the banner, the configuration or the network.
+// Both answer on standard output without the banner, the configuration or the network; -h is
+// --help.
 TEST(DaemonStartTest, VersionAndHelpAnswerAndExit) {
   std::string path = conf("answers.conf", "root=true\nbroadcast_address=127.0.2.254\nbroadcast_port=24626\n");
   std::string status = test_dir() + "/answers-sa.log";
@@ -138,16 +142,63 @@ TEST(DaemonStartTest, VersionAndHelpAnswerAndExit) {
   daemon_process version({daemon_path(), "--version"}, env);
   EXPECT_EQ(0, version.wait_exit(WAIT_MS));
   EXPECT_EQ("zunta-coord 2.11 (B251017.0000)\n", version.out());
-  daemon_process help({daemon_path(), "--help"}, env);
-  EXPECT_EQ(0, help.wait_exit(WAIT_MS));
-  std::string out = help.out();
-  for (const char* line : {"\n  -e ", "\n  -0 ", "\n  -1 ", "\n  -2 LEFT RIGHT ", "\n  -3 [SECONDS] ",
-                           "\n  --version ", "\n  --help "})
-    EXPECT_THAT(out, HasSubstr(line));
-  EXPECT_THAT(out, HasSubstr("\nConfiguration file: " + path + "\nStatus file: " + status + "\n"));
-  EXPECT_EQ(std::string::npos, out.find("Zunta Smart Antenna")) << out;
-  EXPECT_EQ("", version.err() + help.err());
+  EXPECT_EQ("", version.err());
+  for (const char* option : {"--help", "-h"}) {
+    SCOPED_TRACE(option);
+    daemon_process help({daemon_path(), option}, env);
+    EXPECT_EQ(0, help.wait_exit(WAIT_MS));
+    std::string out = help.out();
+    for (const char* line : {"\n  -e ", "\n  -0 ", "\n  -1 ", "\n  -2 LEFT RIGHT ", "\n  -3 [SECONDS] ",
+                             "\n  --version ", "\n  -h, --help "})
+      EXPECT_THAT(out, HasSubstr(line));
+    EXPECT_THAT(out, HasSubstr("\nConfiguration file: " + path + "\nStatus file: " + status + "\n"));
+    EXPECT_EQ(std::string::npos, out.find("Zunta Smart Antenna")) << out;
+    EXPECT_EQ("", help.err());
+  }
   EXPECT_TRUE(read_file(status).empty());
+}
+
+// A status file the daemon cannot write is named in its error line with the reason: a directory
+// that does not exist, or a file another user left in a sticky directory such as /tmp, which only
+// its owner may replace.
+TEST(DaemonStartTest, UnwritableStatusFileIsNamedWithTheReason) {
+  if (geteuid() != 0) GTEST_SKIP() << "running the daemon as another user needs root";
+  char sticky[] = "/tmp/zunta-sticky-XXXXXX";
+  ASSERT_NE(nullptr, mkdtemp(sticky));
+  const std::string dir = sticky;
+  ASSERT_EQ(0, chmod(sticky, 01777));
+  const std::string path = dir + "/zunta.conf";
+  write_file(path, "root=true\nbroadcast_address=127.0.2.254\nbroadcast_port=24627\n");
+  ASSERT_EQ(0, chmod(path.c_str(), 0644));
+  write_file(dir + "/zunta-sa.log", "left by root\n");
+  const std::string missing = dir + "/missing/zunta-sa.log";
+  const struct {
+    std::vector<std::string> as_user;
+    std::string status;
+    std::string lines;
+  } cases[] = {
+      {{},
+       missing,
+       "ERROR opening file " + missing + "!\nZUNTA: ERROR: zunta_snapshot_info:\\d+: No new file for " +
+           missing + " can be created in its directory: No such file or directory\n"},
+      {{"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"},
+       dir + "/zunta-sa.log",
+       "ERROR writing file " + dir +
+           "/zunta-sa.log: Operation not permitted \\(it belongs to uid 0, and only its owner may replace "
+           "it\\)\n"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.status);
+    std::vector<std::string> args = c.as_user;
+    args.push_back(daemon_path());
+    daemon_process daemon(args, {"ZUNTA_CONF=" + path, "ZUNTA_SNAPSHOT=" + c.status});
+    const std::regex expected("ZUNTA: ERROR: zunta_snapshot_info:\\d+: " + c.lines);
+    EXPECT_TRUE(
+        daemon.wait_until([&](const std::string& out) { return std::regex_search(out, expected); }, WAIT_MS))
+        << daemon.out();
+    daemon.terminate();
+  }
+  EXPECT_EQ("left by root\n", read_file(dir + "/zunta-sa.log"));
+  std::system(("rm -rf " + dir).c_str());
 }
 
 }  // namespace

@@ -128,17 +128,25 @@ TEST_F(ConfigReaderTest, OnlyARegularFileOfAtMost64KiBIsLoaded) {
   }
 }
 
-// Both switches follow the file: on only when a line says "true", off when the key is gone,
-// unchanged when the file cannot be read.
+// Both switches and the memory path follow the file: on only when a line says "true" (names an
+// absolute path), off when the key is gone, unchanged when the file cannot be read.
 TEST_F(ConfigReaderTest, SwitchesFollowTheFile) {
   EXPECT_EQ(0, opts_.discovery_check_sender);
-  load("discovery_check_sender=true\nparallel_training=true\n");
+  load("discovery_check_sender=true\nparallel_training=true\ntraining_memory=/var/lib/zunta/training x\n");
   EXPECT_EQ(1, opts_.discovery_check_sender);
   EXPECT_EQ(1, opts_.parallel_training);
+  EXPECT_STREQ("/var/lib/zunta/training", opts_.training_memory);
   EXPECT_EQ(-1, zunta_config_load_options((test_dir() + "/missing.conf").c_str(), &opts_));
   EXPECT_EQ(2, opts_.discovery_check_sender + opts_.parallel_training);  // both kept
+  EXPECT_STREQ("/var/lib/zunta/training", opts_.training_memory);
   load("parallel_training=yes\n");
   EXPECT_EQ(0, opts_.discovery_check_sender + opts_.parallel_training);
+  EXPECT_STREQ("", opts_.training_memory);
+  capture_stdout out;
+  load("training_memory=/var/lib/zunta/training\ntraining_memory=training\n");
+  EXPECT_STREQ("", opts_.training_memory);
+  EXPECT_THAT(out.text(),
+              HasSubstr("ZUNTA:W:CORE: training_memory at line 2 is not an absolute path: training"));
 }
 
 TEST_F(ConfigReaderTest, WarningsCountReadsSoALongLineCountsTwice) {

@@ -56,6 +56,7 @@ TEST(SnapshotTest, NoPairTwoPairsAndAFailedOpenThatKeepsTheOldFile) {
   struct coordinator coord = {};
   INIT_SA_LIST_HEAD(&coord.ath_list);
   INIT_SA_LIST_HEAD(&coord.trained_mesh_pair_list);
+  INIT_SA_LIST_HEAD(&coord.mesh_pair_list);
   zunta_copy_text(coord.last_training, "10:20:30");
   const options opts = {0, "", 0, 4, 30};
   ASSERT_EQ(0, zunta_snapshot_info(&coord, &opts));
@@ -86,6 +87,7 @@ TEST(SnapshotTest, ReadersSeeWholeDocumentsAndALinkAtTheNameIsReplacedNotFollowe
   struct coordinator coord = {};
   INIT_SA_LIST_HEAD(&coord.ath_list);
   INIT_SA_LIST_HEAD(&coord.trained_mesh_pair_list);
+  INIT_SA_LIST_HEAD(&coord.mesh_pair_list);
   const options opts = {0, "", 0, 4, 30};
   const std::string path = zunta_snapshot_path();
   // Daemons killed by other tests may have left new files of their own.
@@ -122,6 +124,7 @@ TEST(SnapshotTest, AFailedWriteIsLoggedOnceAndKeepsThePreviousDocument) {
   struct coordinator coord = {};
   INIT_SA_LIST_HEAD(&coord.ath_list);
   INIT_SA_LIST_HEAD(&coord.trained_mesh_pair_list);
+  INIT_SA_LIST_HEAD(&coord.mesh_pair_list);
   const options opts = {0, "", 0, 4, 30};
   ASSERT_EQ(0, zunta_snapshot_info(&coord, &opts));
   const std::string before = read_file(zunta_snapshot_path());
@@ -136,8 +139,10 @@ TEST(SnapshotTest, AFailedWriteIsLoggedOnceAndKeepsThePreviousDocument) {
   }
   EXPECT_EQ(before, read_file(zunta_snapshot_path()));
   EXPECT_EQ(left_before, dir_entries(test_dir(), "zunta-sa.log."));
+  // The JSON document that follows it fails as well and says so on a line of its own.
   std::string text = out.text();
-  EXPECT_EQ(1, std::count(text.begin(), text.end(), '\n')) << text;
+  EXPECT_EQ(2, std::count(text.begin(), text.end(), '\n')) << text;
   EXPECT_EQ(0u, text.find("ZUNTA: ERROR: zunta_snapshot_info:")) << text;
+  EXPECT_NE(std::string::npos, text.find("\nZUNTA: ERROR: zunta_status_json_write:")) << text;
   EXPECT_NE(std::string::npos, text.find(std::string(zunta_snapshot_path()) + ": File too large\n")) << text;
 }

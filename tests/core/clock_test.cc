@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstdlib>
+#include <ctime>
 #include <string>
 
 #include "core/list.h"
@@ -47,6 +49,32 @@ TEST(TimeTest, UptimeIgnoresTheTimeOfDayAndWrapsAfter24Days) {
   clock.advance_ms(1000);
   EXPECT_LT(uptime_ms(), 0);
   EXPECT_EQ(1000, timediff(static_cast<uint32_t>(uptime_ms()), static_cast<uint32_t>(last)));
+}
+
+// Local times for other programs carry their offset, also west of UTC and off the whole hour.
+TEST(TimeTest, IsoTimesCarryTheOffsetFromUtc) {
+  const char* saved = std::getenv("TZ");
+  const std::string kept = saved != nullptr ? saved : "";
+  const struct {
+    const char* tz;
+    const char* text;
+  } cases[] = {
+      {"UTC0", "2026-11-25T14:04:05+00:00"},
+      {"CET-1", "2026-11-25T15:04:05+01:00"},
+      {"<-0330>3:30", "2026-11-25T10:34:05-03:30"},
+      {"<+0545>-5:45", "2026-11-25T19:49:05+05:45"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.tz);
+    setenv("TZ", c.tz, 1);
+    tzset();
+    char text[TIME_TEXT_SIZE];
+    EXPECT_TRUE(print_iso_time(text, 1795615445));
+    EXPECT_STREQ(c.text, text);
+  }
+  if (saved != nullptr) setenv("TZ", kept.c_str(), 1);
+  if (saved == nullptr) unsetenv("TZ");
+  tzset();
 }
 
 struct item {

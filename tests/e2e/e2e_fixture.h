@@ -60,11 +60,11 @@ class mesh_run {
     args.insert(args.begin(), daemon_path());
     args.insert(args.begin(), wrapper.begin(), wrapper.end());
     daemon_ = std::make_unique<daemon_process>(
-        args, std::vector<std::string>{"ZUNTA_CONF=" + dir_ + "/zunta.conf", "ZUNTA_SNAPSHOT=" + snapshot(),
-                                       "ZUNTA_DUMP_FILE=" + dir_ + "/dump.log",
-                                       "ZUNTA_TRAINING_STATUS_FILE=" + dir_ + "/status.log",
-                                       "ZUNTA_AGENT_PORT=" + std::to_string(25000 + range_),
-                                       "ZUNTA_TIME_SCALE=" + time_scale});
+        args, std::vector<std::string>{
+                  "ZUNTA_CONF=" + dir_ + "/zunta.conf", "ZUNTA_SNAPSHOT=" + snapshot(),
+                  "ZUNTA_STATUS_JSON=" + dir_ + "/zunta-status.json", "ZUNTA_DUMP_FILE=" + dir_ + "/dump.log",
+                  "ZUNTA_TRAINING_STATUS_FILE=" + dir_ + "/status.log",
+                  "ZUNTA_AGENT_PORT=" + std::to_string(25000 + range_), "ZUNTA_TIME_SCALE=" + time_scale});
     ASSERT_TRUE(daemon_->started());
   }
 

@@ -144,6 +144,12 @@ void daemon_process::terminate() {
   }
 }
 
+void daemon_process::kill_now() {
+  if (pid_ <= 0 || reaped_) return;
+  kill(pid_, SIGKILL);
+  wait_exit(5000);
+}
+
 std::string daemon_process::out() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return out_;

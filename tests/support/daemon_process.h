@@ -34,6 +34,7 @@ class daemon_process {
   void terminate();  // SIGTERM, then SIGKILL after a grace period; reaps the child
   // Processor time (user and system) the child used, once it has been reaped.
   int64_t cpu_ms() const { return cpu_ms_; }
+  void kill_now();   // SIGKILL, as a power cut or a crash ends it; reaps the child
   std::string out() const;
   std::string err() const;
 

@@ -64,6 +64,7 @@ int main(int argc, char** argv) {
   setenv("ZUNTA_AGENT_PORT", std::to_string(TEST_AGENT_PORT).c_str(), 1);
   setenv("ZUNTA_CONF", (dir + "/zunta.conf").c_str(), 1);
   setenv("ZUNTA_SNAPSHOT", (dir + "/zunta-sa.log").c_str(), 1);
+  setenv("ZUNTA_STATUS_JSON", (dir + "/zunta-status.json").c_str(), 1);
   setenv("ZUNTA_DUMP_FILE", (dir + "/zunta-dump.log").c_str(), 1);
   setenv("ZUNTA_TRAINING_STATUS_FILE", (dir + "/training_status.log").c_str(), 1);
   char error[256];
