@@ -32,9 +32,9 @@ class daemon_process {
   // Waits for the exit and gives the exit status, or -1 when it did not exit in time.
   int wait_exit(int timeout_ms);
   void terminate();  // SIGTERM, then SIGKILL after a grace period; reaps the child
+  void kill_now();   // SIGKILL, as a power cut or a crash ends it; reaps the child
   // Processor time (user and system) the child used, once it has been reaped.
   int64_t cpu_ms() const { return cpu_ms_; }
-  void kill_now();   // SIGKILL, as a power cut or a crash ends it; reaps the child
   std::string out() const;
   std::string err() const;
 
