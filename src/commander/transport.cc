@@ -1,21 +1,24 @@
 // The exchange with a node agent: framing, one connection per command, markers, and repetition.
 // Each command is a job whose exchange advances on poll events and deadlines, so one thread runs
-// any number of them at once; a single command is a batch of one.
+// any number of them at once, as many at a time as there are exchange slots; a single command is
+// a loop of one.
 #include "commander/transport.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
 #include "commander/failures.h"
 #include "core/log.h"
+#include "core/platform.h"
 #include "core/runtime.h"
 #include "core/text.h"
 
@@ -23,28 +26,42 @@ char command[COMMAND_SIZE] = {};
 
 namespace {
 
-constexpr int64_t AGENT_TIMEOUT_US = 3000000;                // connection, send, and each read
-constexpr int64_t ANSWER_TIMEOUT_US = 2 * AGENT_TIMEOUT_US;  // the whole answer after the command
+constexpr int64_t AGENT_TIMEOUT_US = 3000000;                 // connection, send, and each read
+constexpr int64_t ANSWER_TIMEOUT_US = 10 * AGENT_TIMEOUT_US;  // the whole answer after the command
 constexpr int64_t RETRY_PAUSE_US = 1000000;
+// A job waiting for an exchange slot looks again at least this often (real time), besides every
+// time the loop wakes for another job.
+constexpr int64_t SLOT_RETRY_US = 10000;
+// After a failed poll the loop sleeps this long (real time) before it polls again.
+constexpr int64_t POLL_RETRY_US = 5000;
+constexpr int64_t NEVER_US = INT64_MAX;
 // The lines of an exchange name the procedure that owns the step, whichever helper of the state
 // machine notices the event.
 constexpr char EXCHANGE[] = "zunta_send_command";
 constexpr char WRAPPER[] = "zunta_make_and_send_command";
 
-enum phase : int { CONNECTING, SENDING, READING, PAUSING, DONE };
+enum phase : int { WAITING_SLOT, CONNECTING, SENDING, READING, PAUSING, DONE };
 enum marker : int { NO_MARKER, ACK, NACK };
 
-int64_t monotonic_us() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
-}
+int32_t g_slots = 0;  // 0 until read
+int32_t g_in_flight = 0;
+int32_t g_in_flight_peak = 0;
+bool g_short_reported = false;  // one line per spell of running out of sockets
+bool g_poll_reported = false;   // one line per spell of failing polls
 
 void start_exchange(zunta_command_job& job, int64_t now);
 
 void close_socket(zunta_exchange_state& s) {
-  if (s.fd >= 0) close(s.fd);
+  if (s.fd < 0) return;
+  close(s.fd);
   s.fd = -1;
+  --g_in_flight;
+}
+
+// Descriptors, buffers or local ports ran out: nothing about the agent is known.
+bool short_of_resources(int err) {
+  return err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM || err == EAGAIN ||
+         err == EADDRNOTAVAIL;
 }
 
 void finish_job(zunta_command_job& job) {
@@ -70,12 +87,21 @@ void finish_job(zunta_command_job& job) {
 
 // An exchange has ended with `code`: a lone exchange is done; the first one of a command is
 // repeated at once when refused, silent or unmarked; every repetition is followed by the pause.
+// An answer cut by its bound is not asked for again: an agent that trickles costs one bound.
 void after_exchange(zunta_command_job& job, int code, int64_t now) {
   zunta_exchange_state& s = job.state;
   s.last = code;
   if (s.single) {
     job.result = code;
     s.phase = DONE;
+    return;
+  }
+  if (s.cut) {
+    ZLOG_AS(WRAPPER, COMP_CORE, LVL_E, "Command %d to %s not repeated: its answer was cut\n", job.index,
+            job.ip);
+    job.result = 1;
+    s.phase = DONE;
+    zunta_count_failure(job.ip);
     return;
   }
   if (!s.retrying) {
@@ -109,11 +135,35 @@ void fail_exchange(zunta_command_job& job, const char* line, int64_t now) {
   after_exchange(job, -1, now);
 }
 
+// The daemon has run out of sockets. While exchanges of its own are open, one of them will give
+// its socket back: the job waits for it. With none open nothing will change soon, so the attempt
+// counts as one that received nothing, and the repetitions and their pauses follow as for silence.
+void out_of_sockets(zunta_command_job& job, int err, int64_t now) {
+  zunta_exchange_state& s = job.state;
+  close_socket(s);
+  if (g_in_flight > 0) {
+    s.phase = WAITING_SLOT;
+    s.wake_us = now + SLOT_RETRY_US;
+    return;
+  }
+  if (!g_short_reported) {
+    ZLOG_AS(EXCHANGE, COMP_CORE, LVL_E, "Out of sockets (%s): the exchange with %s counts as unanswered\n",
+            std::strerror(err), job.ip);
+  }
+  g_short_reported = true;
+  after_exchange(job, 1, now);
+}
+
 // The read loop has ended: the marker decides, else whether any answer text is held.
 void end_reading(zunta_command_job& job, int64_t now) {
   zunta_exchange_state& s = job.state;
   close_socket(s);
-  if (s.marker == NO_MARKER) ZLOG_AS(EXCHANGE, COMP_CORE, LVL_E, "zero bytes received\n");
+  if (s.cut) {
+    ZLOG_AS(EXCHANGE, COMP_CORE, LVL_E, "No complete answer from %s within %d ms\n", job.ip,
+            static_cast<int>(zunta_scaled_us(ANSWER_TIMEOUT_US) / 1000));
+  } else if (s.marker == NO_MARKER) {
+    ZLOG_AS(EXCHANGE, COMP_CORE, LVL_E, "zero bytes received\n");
+  }
   int code = 1;
   if (s.marker == ACK) {
     ZLOG_AS(EXCHANGE, COMP_CORE, LVL_D, "ACK received\n");
@@ -129,13 +179,41 @@ void end_reading(zunta_command_job& job, int64_t now) {
   after_exchange(job, code, now);
 }
 
+// The two time-outs every agent socket carries. The exchange itself never blocks (its waits are the
+// loop's, bounded by the same time-outs), but a socket handed on stays bounded.
+bool set_time_outs(zunta_command_job& job, int64_t now) {
+  const timeval limit = zunta_scaled_timeval(AGENT_TIMEOUT_US);
+  if (setsockopt(job.state.fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0) {
+    fail_exchange(job, "Error socket timeout option: reception\n", now);
+    return false;
+  }
+  if (setsockopt(job.state.fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0) {
+    fail_exchange(job, "Error socket timeout option: transmission\n", now);
+    return false;
+  }
+  return true;
+}
+
 void start_exchange(zunta_command_job& job, int64_t now) {
   zunta_exchange_state& s = job.state;
   s.marker = NO_MARKER;
   s.sent = 0;
   s.text_seen = false;
+  s.cut = false;
+  if (g_in_flight >= zunta_exchange_slots()) {
+    s.phase = WAITING_SLOT;
+    s.wake_us = now + SLOT_RETRY_US;
+    return;
+  }
   s.fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (s.fd < 0) return fail_exchange(job, "Socket creation error \n", now);
+  if (s.fd < 0) {
+    const int err = errno;
+    if (short_of_resources(err)) return out_of_sockets(job, err, now);
+    return fail_exchange(job, "Socket creation error \n", now);
+  }
+  g_short_reported = false;
+  if (++g_in_flight > g_in_flight_peak) g_in_flight_peak = g_in_flight;
+  if (!set_time_outs(job, now)) return;
   sockaddr_in agent{};
   agent.sin_family = AF_INET;
   agent.sin_port = htons(zunta_agent_port());
@@ -147,7 +225,10 @@ void start_exchange(zunta_command_job& job, int64_t now) {
     s.phase = SENDING;
     return;
   }
-  if (errno != EINPROGRESS && errno != EINTR) fail_exchange(job, "Connection Failed\n", now);
+  const int err = errno;
+  if (err == EINPROGRESS || err == EINTR) return;
+  if (short_of_resources(err)) return out_of_sockets(job, err, now);
+  fail_exchange(job, "Connection Failed\n", now);
 }
 
 void on_connected(zunta_command_job& job, int64_t now) {
@@ -165,6 +246,7 @@ void send_some(zunta_command_job& job, int64_t now) {
   // MSG_NOSIGNAL: an agent that has already closed must not end the daemon with SIGPIPE.
   ssize_t n = send(s.fd, job.buffer + s.sent, COMMAND_SIZE - s.sent, MSG_NOSIGNAL);
   if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return;
+  if (n < 0 && (errno == ENOBUFS || errno == ENOMEM)) return out_of_sockets(job, errno, now);
   if (n < 0) return fail_exchange(job, "Unable to send message to the server\n", now);
   s.sent += static_cast<std::size_t>(n);
   if (s.sent < COMMAND_SIZE) return;
@@ -201,6 +283,8 @@ void step_job(zunta_command_job& job, short revents, int64_t now) {
   zunta_exchange_state& s = job.state;
   const bool due = now >= s.wake_us;
   switch (s.phase) {
+    case WAITING_SLOT:
+      return start_exchange(job, now);
     case CONNECTING:
       if (revents != 0) return on_connected(job, now);
       if (due) fail_exchange(job, "Connection Failed\n", now);
@@ -211,7 +295,10 @@ void step_job(zunta_command_job& job, short revents, int64_t now) {
       return;
     case READING:
       // The bound of the whole answer wins over bytes that keep trickling in.
-      if (now >= s.answer_by_us) return end_reading(job, now);
+      if (now >= s.answer_by_us) {
+        s.cut = true;
+        return end_reading(job, now);
+      }
       if (revents != 0) return read_some(job, now);
       if (due) end_reading(job, now);
       return;
@@ -223,7 +310,8 @@ void step_job(zunta_command_job& job, short revents, int64_t now) {
   }
 }
 
-void begin_job(zunta_command_job& job, bool single, int64_t now) {
+void begin_job(zunta_command_job& job, bool single) {
+  const int64_t now = zunta_monotonic_us();
   job.state = zunta_exchange_state{};
   job.state.fd = -1;
   job.state.single = single;
@@ -238,62 +326,92 @@ void begin_job(zunta_command_job& job, bool single, int64_t now) {
   start_exchange(job, now);
 }
 
-short awaited_events(int phase) {
-  if (phase == READING) return POLLIN;
-  if (phase == CONNECTING || phase == SENDING) return POLLOUT;
+short awaited_events(const zunta_exchange_state& s) {
+  if (s.fd < 0) return 0;
+  if (s.phase == READING) return POLLIN;
+  if (s.phase == CONNECTING || s.phase == SENDING) return POLLOUT;
   return 0;
 }
 
-// Runs the jobs to their results; fds holds one poll entry per job.
-void run_jobs(zunta_command_job* jobs, std::size_t count, bool single, pollfd* fds) {
-  int64_t now = monotonic_us();
-  for (std::size_t i = 0; i < count; ++i)
-    begin_job(jobs[i], single, now);
-  for (;;) {
-    bool active = false;
-    int64_t wake = 0;
-    for (std::size_t i = 0; i < count; ++i) {
-      const zunta_exchange_state& s = jobs[i].state;
-      const short events = awaited_events(s.phase);
-      fds[i] = pollfd{events != 0 ? s.fd : -1, events, 0};  // poll skips negative descriptors
-      if (s.phase == DONE) continue;
-      if (!active || s.wake_us < wake) wake = s.wake_us;
-      active = true;
-    }
-    if (!active) return;
-    int64_t wait = wake - monotonic_us();
-    if (wait < 0) wait = 0;
-    const int64_t task_due = zunta_wait_tick_due_in_us();
-    if (task_due < wait) wait = task_due;
-    timespec limit{static_cast<time_t>(wait / 1000000), static_cast<long>((wait % 1000000) * 1000)};
-    // On a failed poll no descriptor reports anything and the deadlines still run.
-    if (ppoll(fds, count, &limit, nullptr) < 0) {
-      for (std::size_t i = 0; i < count; ++i)
-        fds[i].revents = 0;
-    }
-    now = monotonic_us();
-    for (std::size_t i = 0; i < count; ++i)
-      if (jobs[i].state.phase != DONE) step_job(jobs[i], fds[i].revents, now);
-    zunta_wait_tick();
-  }
-}
-
-void run_batch(zunta_command_job* jobs, std::size_t count, bool single) {
-  if (count == 0) return;
-  pollfd one{};
-  auto* fds = count == 1 ? &one : static_cast<pollfd*>(std::calloc(count, sizeof(pollfd)));
-  if (fds == nullptr) {
-    ZLOG_AS("zunta_make_and_send_commands", COMP_CORE, LVL_E,
-            "Memory allocation error for the command batch, sending one by one\n");
-    for (std::size_t i = 0; i < count; ++i)
-      run_jobs(&jobs[i], 1, single, &one);
-    return;
-  }
-  run_jobs(jobs, count, single, fds);
-  if (fds != &one) std::free(fds);
+void run_alone(zunta_command_job& job, bool single) {
+  begin_job(job, single);
+  zunta_command_job* one = &job;
+  while (!zunta_job_done(&job))
+    zunta_jobs_wait(&one, 1, NEVER_US);
 }
 
 }  // namespace
+
+void zunta_exchange_slots_init() {
+  rlimit files{};
+  rlim_t limit = EXCHANGE_SLOTS_MAX + DAEMON_OWN_FILES;
+  if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur != RLIM_INFINITY && files.rlim_cur < limit)
+    limit = files.rlim_cur;
+  const auto slots = static_cast<int32_t>(limit) - DAEMON_OWN_FILES;
+  g_slots = slots < 1 ? 1 : slots;
+}
+
+int32_t zunta_exchange_slots() {
+  if (g_slots == 0) zunta_exchange_slots_init();
+  return g_slots;
+}
+
+int32_t zunta_exchanges_in_flight_peak() {
+  return g_in_flight_peak;
+}
+
+void zunta_job_begin(zunta_command_job* job) {
+  begin_job(*job, false);
+}
+
+bool zunta_job_done(const zunta_command_job* job) {
+  return job->state.phase == DONE;
+}
+
+void zunta_jobs_wait(zunta_command_job* const* jobs, std::size_t count, int64_t wake_us) {
+  // Only jobs holding a socket are polled, so the set never exceeds the slots, which stay below
+  // the open-file limit (a larger set makes poll fail).
+  pollfd fds[EXCHANGE_SLOTS_MAX];
+  nfds_t polled = 0;
+  int64_t wake = wake_us;
+  for (std::size_t i = 0; i < count; ++i) {
+    zunta_exchange_state& s = jobs[i]->state;
+    if (s.phase == DONE) continue;
+    if (s.wake_us < wake) wake = s.wake_us;
+    const short events = awaited_events(s);
+    if (events != 0 && polled < EXCHANGE_SLOTS_MAX) fds[polled++] = pollfd{s.fd, events, 0};
+  }
+  int64_t wait = wake - zunta_monotonic_us();
+  if (wait < 0) wait = 0;
+  const int64_t task_due = zunta_wait_tick_due_in_us();
+  if (task_due < wait) wait = task_due;
+  timespec limit{static_cast<time_t>(wait / 1000000), static_cast<long>((wait % 1000000) * 1000)};
+  if (ppoll(fds, polled, &limit, nullptr) < 0) {
+    const int err = errno;
+    for (nfds_t i = 0; i < polled; ++i)
+      fds[i].revents = 0;
+    if (err != EINTR) {
+      if (!g_poll_reported) ZLOG_AS(EXCHANGE, COMP_CORE, LVL_E, "poll failed: %s\n", std::strerror(err));
+      g_poll_reported = true;
+      const int64_t pause = wait < POLL_RETRY_US ? wait : POLL_RETRY_US;
+      timespec rest{0, static_cast<long>(pause * 1000)};
+      ppoll(nullptr, 0, &rest, nullptr);  // no descriptors: only the pause
+    }
+  } else {
+    g_poll_reported = false;
+  }
+  const int64_t now = zunta_monotonic_us();
+  nfds_t next = 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    zunta_exchange_state& s = jobs[i]->state;
+    if (s.phase == DONE) continue;
+    short revents = 0;
+    // The sockets were polled in job order; a job that holds one is matched by its descriptor.
+    if (next < polled && fds[next].fd == s.fd && awaited_events(s) != 0) revents = fds[next++].revents;
+    step_job(*jobs[i], revents, now);
+  }
+  zunta_wait_tick();
+}
 
 void zunta_answer_append(char (&answer)[ANSWER_SIZE], const char* text, std::size_t len,
                          bool first_of_retry) {
@@ -324,7 +442,7 @@ int zunta_send_command(char (&buffer)[COMMAND_SIZE], char (&answer)[ANSWER_SIZE]
   std::memcpy(job.buffer, buffer, COMMAND_SIZE);
   std::memcpy(job.answer, answer, ANSWER_SIZE);
   job.ip = ip;
-  run_batch(&job, 1, true);
+  run_alone(job, true);
   std::memcpy(answer, job.answer, ANSWER_SIZE);
   return job.result;
 }
@@ -339,12 +457,31 @@ int zunta_make_and_send_command(char (&buffer)[COMMAND_SIZE], int32_t index, int
   job.ip = ip;
   std::memcpy(job.buffer, buffer, COMMAND_SIZE);  // keeps the leftovers behind the command line
   std::memcpy(job.answer, answer, ANSWER_SIZE);
-  run_batch(&job, 1, false);
+  run_alone(job, false);
   std::memcpy(buffer, job.buffer, COMMAND_SIZE);
   std::memcpy(answer, job.answer, ANSWER_SIZE);
   return job.result;
 }
 
 void zunta_make_and_send_commands(zunta_command_job* jobs, std::size_t count) {
-  run_batch(jobs, count, false);
+  if (count == 0) return;
+  auto* all = static_cast<zunta_command_job**>(std::calloc(count, sizeof(zunta_command_job*)));
+  if (all == nullptr) {
+    ZLOG(COMP_CORE, LVL_E, "Memory allocation error for the command batch, sending one by one\n");
+    for (std::size_t i = 0; i < count; ++i)
+      run_alone(jobs[i], false);
+    return;
+  }
+  for (std::size_t i = 0; i < count; ++i) {
+    all[i] = &jobs[i];
+    begin_job(jobs[i], false);
+  }
+  for (;;) {
+    bool active = false;
+    for (std::size_t i = 0; i < count && !active; ++i)
+      active = !zunta_job_done(all[i]);
+    if (!active) break;
+    zunta_jobs_wait(all, count, NEVER_US);
+  }
+  std::free(all);
 }

@@ -67,7 +67,7 @@ cycle_next train_once(cycle_state* s) {
   ZLOG(COMP_CORE, LVL_U, "Training triggered by argument\n");
   s->rx_update = 0;
   zunta_pass_begin(coordinator->mesh_pair_count, s->opts->parallel_training != 0);
-  if (!s->opts->parallel_training || !zunta_train_in_groups(s, true)) train_every_pair(s);
+  if (!s->opts->parallel_training || !zunta_train_in_parallel(s, true)) train_every_pair(s);
   zunta_select_and_apply_patterns(s);
   zunta_pass_end();
   zunta_snapshot_info(coordinator, s->opts);

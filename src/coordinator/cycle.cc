@@ -24,6 +24,7 @@
 #include "core/text.h"
 #include "meshpair/meshpair.h"
 #include "registry/ath.h"
+#include "registry/unanswering.h"
 #include "training/pass.h"
 #include "training/training.h"
 
@@ -56,6 +57,7 @@ bool start_up(cycle_state* s) {
     return false;
   }
   ZLOG(COMP_CORE, LVL_I, "I am the root\n");
+  zunta_exchange_slots_init();
   if (zunta_coordinator_init(coordinator, s->opts) < 0) {
     ZLOG_AS("main", COMP_CORE, LVL_E, "Coordinator not initialized!\n");
     return false;
@@ -152,6 +154,7 @@ void rebuild(cycle_state* s) {
   ZLOG(COMP_CORE, LVL_I, "Size of broadcast_buffer: %d\n", static_cast<int>(std::strlen(g_broadcast_buffer)));
   if (s->new_broadcast == 1 && g_broadcast_buffer[0] != '\0') {
     ZLOG(COMP_CORE, LVL_I, "Flushing mesh pairs, ath and module client\n");
+    zunta_forget_unanswering_agents();
     int32_t kept_count = 0;
     kept_rx_table kept = keep_rx_patterns(&kept_count);
     zunta_flush_mesh_pairs(coordinator);
@@ -162,6 +165,7 @@ void rebuild(cycle_state* s) {
     zunta_parse_broadcast_message(coordinator, g_broadcast_buffer);
     restore_rx_patterns(kept, kept_count);
     zunta_define_mesh_pairs(coordinator, &s->new_mesh_pair);
+    zunta_trained_pairs_follow_nodes(coordinator);
   }
   s->new_broadcast = 0;
   ZLOG(COMP_CORE, LVL_I, "Number of ath: %d\n", coordinator->ath_count);
@@ -179,21 +183,6 @@ void check_topology(cycle_state* s) {
     ZLOG(COMP_CORE, LVL_I, "Topology changed -> new mesh pair retrain needed!\n");
     s->training_needed = 1;
   }
-}
-
-// The operator line of a group: its number and its pairs' keys.
-void log_group(int32_t number, int32_t groups, mesh_pair* const* members, int32_t count) {
-  const std::size_t size = static_cast<std::size_t>(count) * MESHKEY_TEXT_SIZE + 1;
-  std::unique_ptr<char[], free_deleter> keys(static_cast<char*>(std::calloc(size, 1)));
-  if (!keys) {
-    ZLOG(COMP_CORE, LVL_U, "Training group %d of %d: %d pairs\n", number, groups, count);
-    return;
-  }
-  for (int32_t i = 0; i < count; ++i) {
-    if (i > 0) zunta_append_text(keys.get(), size, " ", 1);
-    zunta_append_text(keys.get(), size, members[i]->meshkey, MESHKEY_TEXT_SIZE);
-  }
-  ZLOG(COMP_CORE, LVL_U, "Training group %d of %d: %s\n", number, groups, keys.get());
 }
 
 // Trains every pair not trained yet, one after the other, and keeps each as a trained pair.
@@ -224,7 +213,7 @@ void training_pass(cycle_state* s) {
     if (mp->trained != 1) ++untrained;
   }
   zunta_pass_begin(untrained, s->opts->parallel_training != 0);
-  if (!s->opts->parallel_training || !zunta_train_in_groups(s, false)) train_one_at_a_time(s);
+  if (!s->opts->parallel_training || !zunta_train_in_parallel(s, false)) train_one_at_a_time(s);
   zunta_select_and_apply_patterns(s);
   zunta_pass_end();
   ZLOG(COMP_CORE, LVL_U, "Training ends\n");
@@ -310,7 +299,7 @@ int exit_path(cycle_state* s) {
 
 }  // namespace
 
-bool zunta_train_in_groups(cycle_state* s, bool every) {
+bool zunta_train_in_parallel(cycle_state* s, bool every) {
   int32_t count = 0;
   sa_list_for_each_entry(mp, &coordinator->mesh_pair_list, mesh_pair, list) {
     if (every || mp->trained != 1) ++count;
@@ -318,41 +307,19 @@ bool zunta_train_in_groups(cycle_state* s, bool every) {
   if (count == 0) return true;
   std::unique_ptr<mesh_pair*[], free_deleter> pairs(
       static_cast<mesh_pair**>(std::calloc(count, sizeof(mesh_pair*))));
-  std::unique_ptr<mesh_pair*[], free_deleter> members(
-      static_cast<mesh_pair**>(std::calloc(count, sizeof(mesh_pair*))));
-  std::unique_ptr<int32_t[], free_deleter> group_of(
-      static_cast<int32_t*>(std::calloc(count, sizeof(int32_t))));
-  if (!pairs || !members || !group_of) {
-    ZLOG(COMP_CORE, LVL_E, "Memory allocation error for the training groups: pairs train one by one\n");
+  if (!pairs) {
+    ZLOG(COMP_CORE, LVL_E, "Memory allocation error for parallel training: pairs train one by one\n");
     return false;
   }
   int32_t n = 0;
   sa_list_for_each_entry(mp, &coordinator->mesh_pair_list, mesh_pair, list) {
     if (every || mp->trained != 1) pairs[n++] = mp;
   }
-  const int32_t groups = zunta_group_mesh_pairs(coordinator, pairs.get(), count, group_of.get());
-  if (groups < 0) return false;
-  for (int32_t g = 0; g < groups; ++g) {
-    int32_t size = 0;
-    for (int32_t i = 0; i < count; ++i) {
-      if (group_of[i] == g) members[size++] = pairs[i];
-    }
-    log_group(g + 1, groups, members.get(), size);
-    for (int32_t i = 0; i < size; ++i)
-      ZLOG(COMP_CORE, LVL_I, "MeshPair %s starts training\n", members[i]->meshkey);
-    print_systime(coordinator->last_training);
-    for (int32_t i = 0; i < size; ++i)
-      zunta_pass_pair_begins(members[i]);
-    zunta_mp_group_training(members.get(), size, command);
-    for (int32_t i = 0; i < size; ++i) {
-      zunta_pass_pair_ends(members[i], members[i]->trained != 1);
-      members[i]->txcs_count = 0;
-      ZLOG(COMP_CORE, LVL_I, "MeshPair %s ends training\n", members[i]->meshkey);
-    }
-  }
+  if (!zunta_mp_parallel_training(coordinator, pairs.get(), count, coordinator->last_training)) return false;
   // The trained copies go in as one pair after the other would put them, so the selections, the
-  // application and the status file see the same table.
+  // application and the status file see the same table. A stopped pair gets none.
   for (int32_t i = 0; i < count; ++i) {
+    pairs[i]->txcs_count = 0;
     s->rx_update = 1;
     if (pairs[i]->trained == 1) zunta_trained_mesh_pair_add(coordinator, pairs[i]);
   }

@@ -39,10 +39,11 @@ cycle_next zunta_apply_command_line(cycle_state* s);
 // set, and applies the transmit patterns.
 void zunta_select_and_apply_patterns(cycle_state* s);
 
-// With parallel_training: trains every mesh pair (`every`, option -1) or every pair not trained yet
-// in lock-step groups and keeps each trained one as a trained pair, in list order, as one pair
-// after the other would. False, with nothing trained, when memory for the groups is short.
-bool zunta_train_in_groups(cycle_state* s, bool every);
+// With parallel_training: trains every mesh pair (`every`, option -1) or every pair not trained yet,
+// several at once, and keeps each trained one as a trained pair, in list order, as one pair after
+// the other would; a stopped pair is kept by none. False, with nothing trained, when memory for the
+// pass is short.
+bool zunta_train_in_parallel(cycle_state* s, bool every);
 
 // Applies the transmit patterns of every trained pair and logs each.
 void zunta_apply_trained_patterns();

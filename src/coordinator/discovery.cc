@@ -6,9 +6,12 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "commander/transport.h"
 #include "coordinator/coordinator.h"
@@ -17,6 +20,7 @@
 #include "core/runtime.h"
 #include "core/text.h"
 #include "registry/ath.h"
+#include "registry/unanswering.h"
 
 namespace {
 
@@ -27,6 +31,10 @@ constexpr int STALE_DATAGRAMS_MAX = 4096;
 // Over-long answers reported one by one in a collection; a summary line counts the rest, so a
 // host that keeps sending them cannot flood the log.
 constexpr int OVERLONG_REPORTS_MAX = 8;
+
+struct free_deleter {
+  void operator()(void* p) const { std::free(p); }
+};
 
 static_assert(BROADCAST_BUFFER_SIZE > DISCOVERY_MAX_ANSWERS * (DISCOVERY_ANSWER_SIZE + 1),
               "every kept answer, its line feed and the final NUL fit");
@@ -180,14 +188,49 @@ void collect_answers(struct coordinator* coordinator, char* broadcast_buffer) {
   }
 }
 
+// Which IP first announced each MAC in one discovery (MACs in lower case).
+struct announcer {
+  char mac[MAC_TEXT_SIZE];
+  char ip[IP_TEXT_SIZE];
+};
+struct announcers {
+  announcer* table;  // null when memory was short: every answer is then taken
+  std::size_t count;
+};
+
+// True when the MAC of the answer was first announced from another IP in this discovery. Such an
+// answer, a forged one or a node's second address, is ignored with one line naming both IPs, so
+// an answer that arrives late never takes over the pairs of the node that answered first.
+bool announced_elsewhere(announcers& seen, const discovery_answer& answer) {
+  if (seen.table == nullptr) return false;
+  char mac[MAC_TEXT_SIZE];
+  zunta_copy_text(mac, answer.mac);
+  for (char& c : mac)
+    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  for (std::size_t i = 0; i < seen.count; ++i) {
+    if (!zunta_text_equal(seen.table[i].mac, mac)) continue;
+    if (zunta_text_equal(seen.table[i].ip, answer.ip)) return false;
+    ZLOG(COMP_CORE, LVL_W, "MAC %s announced by %s and by %s: the answer of %s is ignored\n", mac,
+         seen.table[i].ip, answer.ip, answer.ip);
+    return true;
+  }
+  zunta_copy_text(seen.table[seen.count].mac, mac);
+  zunta_copy_text(seen.table[seen.count].ip, answer.ip);
+  ++seen.count;
+  return false;
+}
+
 // One answer line: "ip,mac,discovery_value,eth_index". A node already registered under the same
-// ip and eth_index is not added again.
-void register_answer_line(struct coordinator* coordinator, const char* line) {
+// ip and eth_index is not added again, nor a first interface whose agent has already been given up
+// on in this discovery (it said so once).
+void register_answer_line(struct coordinator* coordinator, const char* line, announcers& seen) {
   if (std::strchr(line, ',') == nullptr) return;
   ZLOG(COMP_CORE, LVL_D, "Token: %s\n", line);
   discovery_answer answer{};
   if (!zunta_parse_discovery_answer(line, &answer)) return;
+  if (announced_elsewhere(seen, answer)) return;
   if (zunta_ath_find(coordinator, answer.ip, answer.eth_index) != 0) return;
+  if (answer.eth_index == 0 && zunta_agent_unanswering(answer.ip, AGENT_FAILED_REGISTRY)) return;
   zunta_ath_add(coordinator, command, answer.ip, answer.mac, answer.discovery_value, answer.eth_index);
 }
 
@@ -223,8 +266,10 @@ bool zunta_parse_discovery_answer(const char* line, discovery_answer* answer) {
   discovery_answer parsed{};
   const char* p = zunta_scan_text_field(line, parsed.ip);
   if (p != nullptr) p = zunta_scan_text_field(p, parsed.mac);
-  if (p == nullptr || !zunta_scan_int32(p, 10, INT32_MIN, INT32_MAX, &parsed.discovery_value, &p) ||
-      *p != ',' || !zunta_scan_int32(p + 1, 10, INT32_MIN, INT32_MAX, &parsed.eth_index, nullptr)) {
+  in_addr address{};
+  if (p == nullptr || inet_pton(AF_INET, parsed.ip, &address) != 1 || !zunta_mac_shaped(parsed.mac) ||
+      !zunta_scan_int32(p, 10, INT32_MIN, INT32_MAX, &parsed.discovery_value, &p) || *p != ',' ||
+      !zunta_scan_int32(p + 1, 10, INT32_MIN, INT32_MAX, &parsed.eth_index, nullptr)) {
     return false;
   }
   *answer = parsed;
@@ -237,9 +282,15 @@ void zunta_parse_broadcast_message(struct coordinator* coordinator, char* broadc
     return;
   }
   if (broadcast_buffer == nullptr) return;
+  std::size_t lines = 0;
+  for (const char* at = std::strchr(broadcast_buffer, '\n'); at != nullptr; at = std::strchr(at + 1, '\n'))
+    ++lines;
+  std::unique_ptr<announcer[], free_deleter> table(
+      static_cast<announcer*>(std::calloc(lines + 1, sizeof(announcer))));
+  announcers seen{table.get(), 0};
   // Text after the last line feed is not parsed; the collection ends every answer with one.
   for (char* line = broadcast_buffer; char* end = std::strchr(line, '\n'); line = end + 1) {
     *end = '\0';
-    register_answer_line(coordinator, line);
+    register_answer_line(coordinator, line, seen);
   }
 }

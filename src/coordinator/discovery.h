@@ -44,13 +44,15 @@ int zunta_mesh_nodes_discovery(struct coordinator* coordinator, int32_t* new_bro
 // last goes out.
 bool zunta_discovery_due(const struct coordinator* coordinator, uint32_t now_ms);
 
-// Reads one line: an IP of 1 to 15 characters and a MAC of 1 to 17, both without commas, then two
-// decimal integers (blanks before each allowed, text after the last ignored), separated by single
-// commas. False when a field is missing, too long, or an integer does not fit 32 bits.
+// Reads one line: a dotted IPv4 address of at most 15 characters, a MAC text (17 characters: six pairs
+// of hexadecimal digits and colons), then two decimal integers (blanks before each allowed, text
+// after the last ignored), separated by single commas. False when a field is missing, too long or
+// not of its shape, or an integer does not fit 32 bits.
 bool zunta_parse_discovery_answer(const char* line, discovery_answer* answer);
 
-// Adds an ath for every well-formed "ip,mac,value,eth_index" line not yet registered.
-// Each line feed of the buffer becomes a NUL.
+// Adds an ath for every well-formed "ip,mac,value,eth_index" line not yet registered, in the order
+// the lines came. A line whose MAC an earlier line announced from another IP is ignored, with one
+// warning naming both. Each line feed of the buffer becomes a NUL.
 void zunta_parse_broadcast_message(struct coordinator* coordinator, char* broadcast_buffer);
 
 #endif  // ZUNTA_COORDINATOR_DISCOVERY_H_

@@ -9,6 +9,7 @@
 #include "core/log.h"
 #include "meshpair/meshpair.h"
 #include "registry/ath.h"
+#include "registry/unanswering.h"
 
 namespace {
 
@@ -34,8 +35,10 @@ void zunta_define_mesh_pairs(struct coordinator* coordinator, uint8_t* new_mesh_
   // mesh nodes before it is asked for its neighbours.
   zunta_add_allow_mac_for_mesh_pair(coordinator);
   if (zunta_share_ath_mac(coordinator, command) != 0) ZLOG(COMP_CORE, LVL_E, "Error during share ath mac\n");
-  // A node whose list cannot be fetched contributes no links; the others still do.
+  // A node whose list cannot be fetched contributes no links; the others still do. An agent given
+  // up on in this cycle has said so once: its other interfaces are passed over without a line.
   sa_list_for_each_entry(a, &coordinator->ath_list, ath, list) {
+    if (zunta_agent_unanswering(a->ip, AGENT_FAILED_REGISTRY)) continue;
     if (zunta_get_mesh_list(command, a) == -1) ZLOG(COMP_CORE, LVL_E, "Error during get mesh list\n");
   }
   zunta_meshpair_generation_table_create(coordinator, new_mesh_pair);

@@ -141,12 +141,6 @@ struct wait_task_slot {
 wait_task_slot g_wait_task = {nullptr, 0, 0};
 bool g_in_wait_task = false;  // the task itself may wait; it is never re-entered
 
-int64_t monotonic_now_us() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
-}
-
 void sleep_us(int64_t us) {
   if (us <= 0) return;
   timespec left{static_cast<time_t>(us / 1000000), static_cast<long>((us % 1000000) * 1000)};
@@ -157,12 +151,12 @@ void sleep_us(int64_t us) {
 }  // namespace
 
 void zunta_set_wait_task(wait_task task, int64_t period_us) {
-  g_wait_task = {task, period_us > 0 ? period_us : 1, monotonic_now_us()};
+  g_wait_task = {task, period_us > 0 ? period_us : 1, zunta_monotonic_us()};
 }
 
 void zunta_wait_tick() {
   if (g_wait_task.task == nullptr || g_in_wait_task) return;
-  const int64_t now = monotonic_now_us();
+  const int64_t now = zunta_monotonic_us();
   if (now - g_wait_task.last_us < g_wait_task.period_us) return;
   g_wait_task.last_us = now;
   g_in_wait_task = true;
@@ -172,18 +166,24 @@ void zunta_wait_tick() {
 
 int64_t zunta_wait_tick_due_in_us() {
   if (g_wait_task.task == nullptr || g_in_wait_task) return NO_TASK_DUE_US;
-  const int64_t due = g_wait_task.last_us + g_wait_task.period_us - monotonic_now_us();
+  const int64_t due = g_wait_task.last_us + g_wait_task.period_us - zunta_monotonic_us();
   return due > 0 ? due : 0;
 }
 
 void zunta_pause_us(int64_t us) {
   // The pause ends at a fixed monotonic time, whatever the task costs on the way.
-  const int64_t end = monotonic_now_us() + zunta_scaled_us(us);
+  const int64_t end = zunta_monotonic_us() + zunta_scaled_us(us);
   for (;;) {
-    const int64_t left = end - monotonic_now_us();
+    const int64_t left = end - zunta_monotonic_us();
     if (left <= 0) return;
     const int64_t due = zunta_wait_tick_due_in_us();
     sleep_us(left < due ? left : due);
     zunta_wait_tick();
   }
+}
+
+int64_t zunta_monotonic_us() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
 }

@@ -38,6 +38,8 @@ int64_t zunta_scaled_us(int64_t us);
 uint32_t zunta_scaled_ms(uint32_t ms);
 timeval zunta_scaled_timeval(int64_t us);
 void zunta_pause_us(int64_t us);
+// Real microseconds of the monotonic clock (never scaled), the time base of every deadline.
+int64_t zunta_monotonic_us();
 
 // A task run from inside the long waits (the pauses, and the exchange loop of the command channel),
 // at most once per `period_us` of real time, so that what the daemon publishes stays fresh while it

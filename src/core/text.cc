@@ -1,6 +1,7 @@
 // Bounded formatting and appending of NUL-terminated texts.
 #include "core/text.h"
 
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -42,4 +43,17 @@ bool zunta_scan_int32(const char* text, int base, int32_t min, int32_t max, int3
   *out = static_cast<int32_t>(value);
   if (rest != nullptr) *rest = end;
   return true;
+}
+
+bool zunta_mac_shaped(const char* text) {
+  if (text == nullptr) return false;
+  for (std::size_t i = 0; i + 1 < MAC_TEXT_SIZE; ++i) {
+    const char c = text[i];
+    if (i % 3 == 2) {
+      if (c != ':') return false;
+    } else if (!std::isxdigit(static_cast<unsigned char>(c))) {
+      return false;
+    }
+  }
+  return text[MAC_TEXT_SIZE - 1] == '\0';
 }

@@ -50,6 +50,10 @@ const char* zunta_scan_text_field(const char* text, char (&dst)[N]) {
   return text + len + 1;
 }
 
+// True for a MAC text as nodes write them: 17 characters, six pairs of hexadecimal digits (either
+// case) joined by colons. Anything else (control characters included) is never taken for a MAC.
+bool zunta_mac_shaped(const char* text);
+
 // Texts compared over the full width of their buffers, exactly (case-sensitive).
 inline bool zunta_text_equal(const char* a, const char* b, std::size_t width) {
   return std::strncmp(a, b, width) == 0;

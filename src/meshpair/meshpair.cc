@@ -248,6 +248,20 @@ struct ath* zunta_trained_pair_ath(mesh_tables* coordinator, trained_mesh_pair* 
   return nullptr;
 }
 
+void zunta_trained_pairs_follow_nodes(mesh_tables* coordinator) {
+  if (coordinator == nullptr) return;
+  sa_list_for_each_entry(tp, &coordinator->trained_mesh_pair_list, trained_mesh_pair, list) {
+    for (int side = PAIR_SIDE_LEFT; side <= PAIR_SIDE_RIGHT; ++side) {
+      const ath* a = zunta_trained_pair_ath(coordinator, tp, side);
+      char(&ip)[IP_TEXT_SIZE] = side == PAIR_SIDE_LEFT ? tp->left_ip : tp->right_ip;
+      if (a == nullptr || zunta_text_equal(a->ip, ip)) continue;
+      ZLOG(COMP_MP, LVL_U, "Trained mesh pair %s: node %s moved from %s to %s\n", tp->meshkey, a->mac, ip,
+           a->ip);
+      zunta_copy_text(ip, a->ip);
+    }
+  }
+}
+
 void zunta_forget_ath_references(mesh_tables* coordinator) {
   if (coordinator == nullptr) return;
   sa_list_for_each_entry(link, &coordinator->mesh_link_list, mesh_link, list) link->ath = nullptr;

@@ -108,6 +108,11 @@ void zunta_check_trained_mesh_pair(mesh_tables* coordinator);
 // address), which is also kept in the pair's reference. Null when the node is absent.
 struct ath* zunta_trained_pair_ath(mesh_tables* coordinator, trained_mesh_pair* tp, int side);
 
+// Gives every trained pair its nodes' current IPs, found by MAC in the registry just rebuilt, so
+// commands to a trained pair reach a node that answers discovery under a new address. An end whose
+// node is not registered keeps its last IP. One operator line per moved node and pair.
+void zunta_trained_pairs_follow_nodes(mesh_tables* coordinator);
+
 // Clears every reference that mesh links, mesh pairs and trained pairs hold to ath records; called
 // before the aths are freed, so none is left dangling.
 void zunta_forget_ath_references(mesh_tables* coordinator);

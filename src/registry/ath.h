@@ -91,7 +91,13 @@ int zunta_save_client_macs(node_tables* coordinator, char* response, ath* a);
 int zunta_share_ath_mac(node_tables* coordinator, char (&buffer)[COMMAND_SIZE]);
 
 // --- Commands addressed to a node record: each returns 0 when the command went through, -1 otherwise ---
+// They are the commands of the registry steps of a cycle: an agent that leaves one refused or
+// unanswered after all its repetitions is given up on until the next discovery, and the later ones
+// of this cycle are not sent to it (-1 at once, nothing logged; see registry/unanswering.h).
 
+// One of the commands below, with value -1, the placeholder IP and the given MAC as arguments.
+int zunta_node_command(char (&buffer)[COMMAND_SIZE], const ath* a, int32_t index, const char* mac,
+                       char (&answer)[ANSWER_SIZE]);
 int zunta_send_ath_mac(char (&buffer)[COMMAND_SIZE], ath* a, const char* mac);  // 0
 // Command 1: the agent's neighbour lines become the ath's neighbour records (see mesh_list.cc).
 int zunta_get_mesh_list(char (&buffer)[COMMAND_SIZE], ath* a);

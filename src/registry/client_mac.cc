@@ -9,15 +9,16 @@
 
 namespace {
 
-// The client MAC of one answer line: the text before the first comma. A first field longer than
-// a MAC text is not a MAC; cutting it could make it equal to a real node's MAC, so such a line is
-// skipped. Returns false when the line holds no usable field.
+// The client MAC of one answer line: the text before the first comma, when it is a MAC text. A
+// longer field cut to fit could equal a real node's MAC, and other texts would reach the log as
+// they came, control characters and all, so such a line is skipped. Returns false when the line
+// holds no usable field.
 bool client_mac_of_line(const char* line, char (&mac)[MAC_TEXT_SIZE]) {
   std::size_t len = std::strcspn(line, ",");
-  if (len == 0 || len >= MAC_TEXT_SIZE) return false;
+  if (len != MAC_TEXT_SIZE - 1) return false;
   std::memcpy(mac, line, len);
   mac[len] = '\0';
-  return true;
+  return zunta_mac_shaped(mac);
 }
 
 // -1 when the record cannot be allocated.

@@ -15,12 +15,13 @@ namespace {
 constexpr int32_t RADIO_IGNORED = -1;  // the agent marks a line to be ignored with radio index -1
 
 // Scans one answer line as "%17[^,],%d,%d" would into `scanned`. False when the line names no
-// neighbour: fewer than three fields (a MAC longer than 17 characters ends the scan), a number that
-// does not fit its field, or radio index -1.
+// neighbour: fewer than three fields (a MAC longer than 17 characters ends the scan), a first field
+// that is not a MAC text, a number that does not fit its field, or radio index -1.
 bool scan_neighbour_line(const char* line, neighbour& scanned) {
   scanned = neighbour{};
   const char* p = zunta_scan_text_field(line, scanned.mac);
-  if (p == nullptr || !zunta_scan_int32(p, 10, INT32_MIN, INT32_MAX, &scanned.radioidx, &p) || *p++ != ',')
+  if (p == nullptr || !zunta_mac_shaped(scanned.mac) ||
+      !zunta_scan_int32(p, 10, INT32_MIN, INT32_MAX, &scanned.radioidx, &p) || *p++ != ',')
     return false;
   return zunta_scan_int32(p, 10, INT32_MIN, INT32_MAX, &scanned.pattern, nullptr) &&
          scanned.radioidx != RADIO_IGNORED;
@@ -34,10 +35,7 @@ int zunta_get_mesh_list(char (&buffer)[COMMAND_SIZE], ath* a) {
     return -1;
   }
   char answer[ANSWER_SIZE] = {};
-  if (zunta_make_and_send_command(buffer, CMD_GET_MESH_LIST, -1, PLACEHOLDER_IP, ZERO_MAC, answer, a->ip) !=
-      0) {
-    return -1;
-  }
+  if (zunta_node_command(buffer, a, CMD_GET_MESH_LIST, ZERO_MAC, answer) != 0) return -1;
   return zunta_parse_mesh_list(a, answer);
 }
 

@@ -5,6 +5,7 @@
 
 #include "core/log.h"
 #include "meshpair/meshpair.h"
+#include "registry/unanswering.h"
 #include "training/training.h"
 
 void zunta_set_best_antenna_pattern(trained_mesh_pair* tp, char (&buffer)[COMMAND_SIZE]) {
@@ -23,10 +24,13 @@ void zunta_set_best_antenna_pattern(trained_mesh_pair* tp, char (&buffer)[COMMAN
          tp->left_tx_pattern, tp->right_tx_pattern);
     return;
   }
-  // The right end is served even when the left one cannot be reached.
-  if (zunta_set_pattern_tx(buffer, tp->left_ip, tp->right_mac, tp->left_tx_pattern) != 0)
+  // The right end is served even when the left one cannot be reached. A node that stopped a pair
+  // of this cycle's parallel training is not asked again before the next discovery.
+  if (!zunta_agent_unanswering(tp->left_ip, AGENT_FAILED_TRAINING) &&
+      zunta_set_pattern_tx(buffer, tp->left_ip, tp->right_mac, tp->left_tx_pattern) != 0)
     ZLOG(COMP_ANT, LVL_E, "Error while setting the pattern\n");
-  if (zunta_set_pattern_tx(buffer, tp->right_ip, tp->left_mac, tp->right_tx_pattern) != 0)
+  if (!zunta_agent_unanswering(tp->right_ip, AGENT_FAILED_TRAINING) &&
+      zunta_set_pattern_tx(buffer, tp->right_ip, tp->left_mac, tp->right_tx_pattern) != 0)
     ZLOG(COMP_ANT, LVL_E, "Error while setting the pattern\n");
 }
 

@@ -1,5 +1,5 @@
-// The steps of one pair's training, shared by one-at-a-time training and training in lock-step
-// groups, so that everything belonging to a pair is made the same way in both.
+// The steps of one pair's training, shared by one-at-a-time training and training several pairs
+// at once, so that everything belonging to a pair is made the same way in both.
 #ifndef ZUNTA_TRAINING_PAIR_ROUND_H_
 #define ZUNTA_TRAINING_PAIR_ROUND_H_
 

@@ -16,12 +16,14 @@ namespace {
 constexpr int32_t MEASURED_RADIO = 2;  // results of other radios are not antenna training results
 
 // Scans one statistics line as "%17[^,],%d,0x%x,%d,%d,%d,%d" would, but a number that does not fit
-// its field makes the line unusable instead of overflowing.
+// its field, or a first field that is not a MAC text, makes the line unusable.
 bool scan_result_line(const char* line, round_result_line& out) {
   constexpr int32_t MIN = INT32_MIN, MAX = INT32_MAX;
   const char* p = zunta_scan_text_field(line, out.mac);
   int32_t pattern = 0;
-  if (p == nullptr || !zunta_scan_int32(p, 10, MIN, MAX, &out.radio_id, &p) || *p++ != ',') return false;
+  if (p == nullptr || !zunta_mac_shaped(out.mac) || !zunta_scan_int32(p, 10, MIN, MAX, &out.radio_id, &p) ||
+      *p++ != ',')
+    return false;
   // The pattern is written 0x<hex>; a negative one is not a pattern index.
   if (*p++ != '0' || *p++ != 'x' || !zunta_scan_int32(p, 16, 0, MAX, &pattern, &p) || *p++ != ',')
     return false;

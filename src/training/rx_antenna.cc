@@ -3,6 +3,7 @@
 // neighbour receives on the transmit pattern of its only pair.
 #include "core/log.h"
 #include "meshpair/meshpair.h"
+#include "registry/unanswering.h"
 #include "training/training.h"
 
 namespace {
@@ -20,7 +21,8 @@ void apply_single_link(mesh_tables* coordinator, char (&buffer)[COMMAND_SIZE], c
     ZLOG(COMP_TR, LVL_I, "tx pattern %d of %s cannot be applied, rx left unset\n", pattern, tp->meshkey);
     return;
   }
-  zunta_set_pattern(buffer, a->ip, left ? tp->right_mac : tp->left_mac, pattern);
+  if (!zunta_agent_unanswering(a->ip, AGENT_FAILED_TRAINING))
+    zunta_set_pattern(buffer, a->ip, left ? tp->right_mac : tp->left_mac, pattern);
   ath* end = zunta_trained_pair_ath(coordinator, tp, side);
   if (end != nullptr) {
     end->rx_pattern = pattern;
@@ -73,7 +75,8 @@ int zunta_compute_rx_antennas(mesh_tables* coordinator, char (&buffer)[COMMAND_S
     if (a->neighbour_count <= 1) continue;
     const int32_t chosen = best_rx_pattern(a);
     ZLOG(COMP_TR, LVL_U, "%s set rx antenna %d\n", a->ip, chosen);
-    zunta_set_pattern_rx(buffer, a->ip, chosen);
+    // A node that stopped a pair of this cycle's parallel training has cost its attempts once.
+    if (!zunta_agent_unanswering(a->ip, AGENT_FAILED_TRAINING)) zunta_set_pattern_rx(buffer, a->ip, chosen);
     a->rx_pattern = chosen;
     a->rx_chosen = 1;
   }

@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "commander/catalogue.h"
+#include "core/clock.h"
 #include "core/text.h"
 
 struct ath;
@@ -64,21 +65,21 @@ bool zunta_find_result_line(char (&answer)[ANSWER_SIZE], const char* peer_mac, r
 // cannot be created or written (one error line; the previous file stays).
 int32_t zunta_write_mp_training_status(int32_t status);
 
-// --- Training in lock-step groups ---
+// --- Training several pairs at once ---
 
-// Splits `count` pairs, given in the order one-at-a-time training takes them, into groups in which
-// no two pairs are within two hops: no node of one pair is a node of another or a neighbour of
-// one, in either direction, by the neighbour lists of the aths in `nodes`. Each pair joins the
-// first group it fits, so the first group begins with the first pair. group_of[i] receives the
-// group of pairs[i] (from 0). Returns the number of groups, or -1 when memory is short.
-int32_t zunta_group_mesh_pairs(const node_tables* nodes, mesh_pair* const* pairs, int32_t count,
-                               int32_t* group_of);
-// Trains the pairs of one group together, round by round: each pair's commands before the pause,
-// one pause for all, then each pair's two command 5 exchanges and its evaluation. Each pair's
-// commands, lines, table and results are those of zunta_mp_training; the tables follow the last
-// round, in group order. A refused pair takes no part. Falls back to one pair after the other when
-// memory for the exchanges is short.
-void zunta_mp_group_training(mesh_pair* const* pairs, int32_t count, char (&buffer)[COMMAND_SIZE]);
+// Trains `count` pairs (given in the order one-at-a-time training takes them) in one event loop on
+// this thread. Each pair's commands, lines, table and results are those of zunta_mp_training; no
+// pair waits for another's exchanges. A pair starts as soon as no training pair is within two
+// hops of it (a shared node, or a node of one that a node of the other lists or is listed by, by
+// the neighbour lists of the aths in `nodes`); the waiting pairs are taken by the number of pairs
+// within two hops of them, most first, then in the given order. An operator line tells when each
+// pair starts and how many pairs are training. A pair one of whose commands stays refused or
+// unanswered after all its repetitions stops for this pass: one line names it and the node, its
+// block is cleared and it stays untrained, and the node is noted as not answering. The pass is
+// reported through training/pass.h; last_training takes the local time of each start. False, with
+// nothing trained, when memory for the pass is short.
+bool zunta_mp_parallel_training(const node_tables* nodes, mesh_pair* const* pairs, int32_t count,
+                                char (&last_training)[TIME_TEXT_SIZE]);
 
 // --- Selection ---
 

@@ -1,14 +1,17 @@
 // The command channel against a scripted agent on loopback, with the time scale small.
 #include "commander/transport.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "core/fd.h"
 #include "core/log.h"
 #include "support/capture_stdout.h"
 #include "support/fake_agent.h"
@@ -86,12 +89,50 @@ TEST_F(CommandChannelTest, UnmarkedAnswersAccumulateUpToTheBuffer) {
   EXPECT_EQ(22u, agent_->commands().size());
 }
 
-TEST_F(CommandChannelTest, ATricklingAnswerEndsAtTwiceTheReadTimeOut) {
-  // One byte per 50 ms keeps every single read alive; 100 of them last 5 s, the bound is 300 ms.
-  start_agent({std::vector<std::string>(100, "x")});
-  EXPECT_EQ(2, zunta_send_command(command_, answer_, AGENT_IP));
-  EXPECT_GT(std::strlen(answer_), 0u);
+// The whole answer may take ten read time-outs (1.5 s here). An answer whose bytes come within the
+// read time-out of each other and end within that bound is taken on the first attempt; one that
+// trickles on is cut at the bound and not asked for again.
+TEST_F(CommandChannelTest, ASlowAnswerIsTakenWholeATricklingOneIsCutOnce) {
+  std::vector<std::string> slow;
+  for (int i = 0; i < 7; ++i)
+    slow.push_back("aa:bb:cc:00:00:0" + std::to_string(i) + ",2,1\n");
+  std::string lines;
+  for (const std::string& line : slow)
+    lines += line;
+  slow.push_back("ack");  // 350 ms after the first line, each gap 50 ms
+  start_agent({slow, std::vector<std::string>(100, "x")});
+  log_level_scope verbose(LVL_I);
+  capture_stdout out;
+  EXPECT_EQ(0, send9());
+  EXPECT_EQ(lines, answer_);
+  std::memset(answer_, 0, sizeof answer_);
+  EXPECT_EQ(1, send9());  // 100 bytes 50 ms apart would take 5 s
   EXPECT_LT(std::strlen(answer_), 50u);
+  EXPECT_THAT(out.text(), HasSubstr("not repeated: its answer was cut\n"));
+  agent_->stop();
+  EXPECT_EQ(2u, agent_->commands().size());
+}
+
+// With every descriptor taken, no exchange can start: the attempts count as unanswered, and
+// nothing is taken for an answer.
+TEST_F(CommandChannelTest, OutOfDescriptorsIsSilenceNeverAnAnswer) {
+  start_agent({{"aa:bb:cc:00:00:01,2,3\n", "ack"}});
+  rlimit saved{};
+  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
+  rlimit low = saved;
+  low.rlim_cur = 64;
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &low));
+  std::vector<unique_fd> taken;
+  for (int fd; (fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;)
+    taken.emplace_back(fd);
+  const int result = send9();
+  taken.clear();
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &saved));
+  EXPECT_EQ(1, result);
+  EXPECT_STREQ("", answer_);
+  EXPECT_EQ(0, send9());
+  agent_->stop();
+  EXPECT_EQ(1u, agent_->commands().size());
 }
 
 TEST_F(CommandChannelTest, ARepetitionDropsTheCutLineOfThePreviousAttempt) {

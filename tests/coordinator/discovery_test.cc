@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <climits>
@@ -202,6 +203,26 @@ TEST_F(DiscoveryTest, SenderCheckDropsLinesNamingAnotherAddress) {
   for (std::size_t at = log.find(":W:"); at != std::string::npos; at = log.find(":W:", at + 1))
     ++warnings;
   EXPECT_EQ(2u, warnings) << log;
+}
+
+// A line counts only with a dotted IPv4 address and a MAC text; a MAC that an earlier line announced
+// from another address (in any letter case) is ignored with one warning naming both addresses.
+TEST_F(DiscoveryTest, OnlyWellShapedAnswersCountAndAMacBelongsToTheFirstAddressThatAnnouncedIt) {
+  open(24628);
+  char answers[] =
+      "127.0.2.51,aa:bb:cc:dd:ee:51,1,1\n"
+      "127.0.2.52,AA:BB:CC:DD:EE:51,1,1\n"  // forged, or the node's second address
+      "127.0.2.51,aa:bb:cc:dd:ee:51,1,2\n"  // a second interface of the first address
+      "127.0.2.53,\r\x1b[1m:cc:dd:ee:53,1,1\n"
+      "127.0.2.54,aa-bb-cc-dd-ee-54,1,1\n"
+      "127.0.2.55,aa:bb:cc:dd:ee:5,1,1\n"
+      "127.0.2.5x,aa:bb:cc:dd:ee:56,1,1\n"
+      "127.0.2.52,aa:bb:cc:dd:ee:57,1,1\n";
+  std::string log = logged([&] { zunta_parse_broadcast_message(&c_, answers); });
+  EXPECT_EQ("aa:bb:cc:dd:ee:571 aa:bb:cc:dd:ee:512 aa:bb:cc:dd:ee:511 ", aths());
+  EXPECT_THAT(log, HasSubstr("ZUNTA:W:CORE: MAC aa:bb:cc:dd:ee:51 announced by 127.0.2.51 and by 127.0.2.52: "
+                             "the answer of 127.0.2.52 is ignored\n"));
+  EXPECT_EQ(1, std::count(log.begin(), log.end(), '\n')) << log;
 }
 
 // The period runs on the monotonic clock: requests keep their rhythm across the wrap of the signed

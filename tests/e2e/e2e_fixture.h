@@ -54,8 +54,11 @@ class mesh_run {
                                          conf);
   }
 
-  void start_daemon(std::vector<std::string> args, const std::string& time_scale = "0.05") {
+  // `wrapper` runs the daemon (prlimit and its options, say).
+  void start_daemon(std::vector<std::string> args, const std::string& time_scale = "0.05",
+                    std::vector<std::string> wrapper = {}) {
     args.insert(args.begin(), daemon_path());
+    args.insert(args.begin(), wrapper.begin(), wrapper.end());
     daemon_ = std::make_unique<daemon_process>(
         args, std::vector<std::string>{
                   "ZUNTA_CONF=" + dir_ + "/zunta.conf", "ZUNTA_SNAPSHOT=" + snapshot(),

@@ -180,7 +180,7 @@ TEST_F(TrainingScenario, TopologyChangesRetrainOnlyWhatIsNew) {
 }
 
 // Without -e the trained pairs outlive every registry rebuild: a node under a new address keeps
-// its receive pattern, and a node that went away shows none.
+// its receive pattern and its pair follows it there, and a node that went away shows none.
 TEST_F(TrainingScenario, RebuildsKeepReceivePatternsAndAVanishedNodeShowsNone) {
   start_mesh(14, chain());
   start_daemon({});
@@ -188,18 +188,18 @@ TEST_F(TrainingScenario, RebuildsKeepReceivePatternsAndAVanishedNodeShowsNone) {
   std::string reply;
   ASSERT_EQ(0, sim_.control("node a " + ip(21) + " " + A, &reply)) << reply;
   // The next discovery registers a under its new address and fetches every node's neighbours;
-  // the status files written after that show a's current record, found by its MAC.
+  // the status files written after that show a's current record and address, found by its MAC.
   for (const char* node : {"a", "b", "c"})
     ASSERT_TRUE(wait_commands(node, 1, 2));
   std::remove(snapshot().c_str());
   ASSERT_TRUE(wait_snapshot([](const std::string& s) { return s.find("\"key\"") != std::string::npos; }));
-  EXPECT_THAT(read_file(snapshot()), HasSubstr(node_block(A, 1, 1, 1)));
+  EXPECT_THAT(read_file(snapshot()), HasSubstr(node_block(A, 21, 1, 1)));
   ASSERT_EQ(0, sim_.control("del node c", &reply)) << reply;
   // The next discovery registers a and b only: c's end of b-c has no record any more.
   std::string gone = node_block(C, 3, 0, -1);
   ASSERT_TRUE(wait_snapshot([&](const std::string& s) { return s.find(gone) != std::string::npos; }));
   std::string status = read_file(snapshot());
-  EXPECT_THAT(status, HasSubstr(node_block(A, 1, 1, 1)));
+  EXPECT_THAT(status, HasSubstr(node_block(A, 21, 1, 1)));
   EXPECT_THAT(status, HasSubstr(node_block(B, 2, 2, 2)));
   EXPECT_THAT(status, HasSubstr(node_block(B, 2, 3, 2)));
 }

@@ -145,6 +145,7 @@ TEST_F(SimulatorTest, FaultsShowTheirBehaviourOnTheWire) {
       {"no_peer_line", "5,-1,a b", "02:5a:00:00:00:01,1,0x3,640,320,310,640\n|ack"},
       {"garbage on=1", "1,-1,a b", testing::HasSubstr("\n0a:5a:00:00:00:01,2,3\n," + std::string(1500, 'x'))},
       {"delay 200", ASK_CLIENTS, std::string(CLIENTS_OF_N2) + "|ack"},
+      {"trickle 20", ASK_CLIENTS, std::string(CLIENTS_OF_N2) + "|ack"},
       {"cut", ASK_CLIENTS, std::string(CLIENTS_OF_N2, 9)},  // the first half
       {"no_marker", ASK_CLIENTS, CLIENTS_OF_N2},
       {"same_send", ASK_CLIENTS, std::string(CLIENTS_OF_N2) + "ack"},
@@ -157,9 +158,11 @@ TEST_F(SimulatorTest, FaultsShowTheirBehaviourOnTheWire) {
   EXPECT_EQ(-1, sim_.rx_pattern("n2"));  // the refused 11,2 set nothing
 }
 
-TEST_F(SimulatorTest, DiscoveryFaultsDropOrRepeatANodesAnswer) {
+TEST_F(SimulatorTest, DiscoveryFaultsDropRepeatMultiplyOrForgeANodesAnswer) {
+  ASSERT_EQ(0, sim_.control("fault n1 eth_lines 2", &reply_));
   ASSERT_EQ(0, sim_.control("fault n2 no_discovery", &reply_));
   ASSERT_EQ(0, sim_.control("fault n3 dup_discovery", &reply_));
+  ASSERT_EQ(0, sim_.control("fault n3 claim_mac 0A:5a:00:00:00:01", &reply_));
   unique_fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   sockaddr_in self{AF_INET, 0, {}, {}}, to{AF_INET, htons(DISCOVERY_PORT), {}, {}};
   inet_pton(AF_INET, "127.0.7.200", &self.sin_addr);
@@ -172,8 +175,12 @@ TEST_F(SimulatorTest, DiscoveryFaultsDropOrRepeatANodesAnswer) {
   char buf[64];
   for (ssize_t got; (got = recv(fd.get(), buf, sizeof buf, 0)) > 0;)
     answers.append(buf, static_cast<std::size_t>(got)) += " ";
-  auto answer = [](char k) { return std::string("127.0.7.") + k + ",0a:5a:00:00:00:0" + k + ",1,0 "; };
-  EXPECT_EQ(answer('1') + answer('3') + answer('3'), answers);
+  auto answer = [](char k, const char* mac, char eth) {
+    return std::string("127.0.7.") + k + "," + mac + ",1," + eth + " ";
+  };
+  const std::string forged = answer('3', "0A:5a:00:00:00:01", '0');
+  EXPECT_EQ(answer('1', "0a:5a:00:00:00:01", '0') + answer('1', "0a:5a:00:00:00:01", '1') + forged + forged,
+            answers);
 }
 
 // Over the sockets the windows carry the names, the times and the order of their commands, and

@@ -17,9 +17,11 @@ TEST(ClientMacTest, OnlyWholeClientLinesCountAndAFailedOptimisationStopsTheShari
   char response[ANSWER_SIZE] =
       "aa:bb:cc:dd:ee:01,x,y\n"
       ",aa:bb:cc:dd:ee:02\n"
-      "AA:BB:CC:DD:EE:03\n"     // case kept
-      "aa:bb:cc:dd:ee:04x,1\n"  // longer than a MAC: skipped, not cut into one
-      "aa:bb:cc:dd:ee:06";      // no line feed: not a line
+      "AA:BB:CC:DD:EE:03\n"       // case kept
+      "aa:bb:cc:dd:ee:04x,1\n"    // longer than a MAC: skipped, not cut into one
+      "aa:bb:cc:dd:ee:4\n"        // shorter
+      "\x1b[1m:bb:cc:dd:ee:05\n"  // no MAC: it would reach the log as it came
+      "aa:bb:cc:dd:ee:06";        // no line feed: not a line
   EXPECT_EQ(0, zunta_save_client_macs(&c, response, &node));
   std::string clients;
   sa_list_for_each_entry(m, &c.module_client_list, module_client, list) clients += m->mac + std::string(" ");

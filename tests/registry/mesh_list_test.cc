@@ -14,6 +14,8 @@ TEST(MeshListTest, OnlyCompleteLinesOfARadioNameNeighbours) {
                      "aa:bb:cc:dd:ee:02,-1,0\n"      // radio -1: ignored
                      "aa:bb:cc:dd:ee:03,2,0,more\n"  // later fields ignored
                      "aa:bb:cc:dd:ee:01x,1,2\n"      // over-long MAC
+                     "aa:bb:cc:dd:ee:0g,1,2\n"       // not hexadecimal
+                     "\r\x1b[1m:cc:dd:ee:09,1,2\n"   // control characters are no MAC
                      "aa:bb:cc:dd:ee:04,2\n"         // missing field
                      "aa:bb:cc:dd:ee:05,2,1",        // no line feed
                      "ack"}});

@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -32,6 +33,8 @@ class daemon_process {
   int wait_exit(int timeout_ms);
   void terminate();  // SIGTERM, then SIGKILL after a grace period; reaps the child
   void kill_now();   // SIGKILL, as a power cut or a crash ends it; reaps the child
+  // Processor time (user and system) the child used, once it has been reaped.
+  int64_t cpu_ms() const { return cpu_ms_; }
   std::string out() const;
   std::string err() const;
 
@@ -40,6 +43,7 @@ class daemon_process {
 
   pid_t pid_ = -1;
   int status_ = -1;
+  int64_t cpu_ms_ = -1;
   bool reaped_ = false;
   mutable std::mutex mutex_;
   std::condition_variable changed_;

@@ -80,6 +80,15 @@ answer_plan deliver(const node& n, int index, const std::string& text, int marke
   } else if (find_fault(n, fault_kind::cut, index) != nullptr) {
     if (text.size() > 1) push_send(plan, text.substr(0, text.size() / 2));
     plan.kind = "cut";
+  } else if (const fault* trickle = find_fault(n, fault_kind::trickle, index)) {
+    // Every gap is the same, so each stays under a reader's time-out while the whole answer
+    // takes as long as the lines make it.
+    for (const std::string& line : split_lines(text)) {
+      push_wait(plan, trickle->arg);
+      push_send(plan, line + "\n");
+    }
+    push_wait(plan, trickle->arg);
+    push_send(plan, "ack");
   } else {
     const fault* delay = find_fault(n, fault_kind::delay, index);
     if (!text.empty()) push_send(plan, text);

@@ -4,26 +4,31 @@
 namespace meshsim {
 namespace {
 
+enum argument { NONE, NUMBER, MAC };
+
 struct fault_kind_info {
   fault_kind kind;
   const char* name;
-  bool takes_arg;
+  argument takes;
 };
 
 constexpr fault_kind_info FAULT_KINDS[] = {
-    {fault_kind::nack_count, "nack", true},
-    {fault_kind::nack_always, "nack_always", false},
-    {fault_kind::silent, "silent", false},
-    {fault_kind::no_marker, "no_marker", false},
-    {fault_kind::cut, "cut", false},
-    {fault_kind::refuse, "refuse", false},
-    {fault_kind::delay, "delay", true},
-    {fault_kind::same_send, "same_send", false},
-    {fault_kind::garbage, "garbage", false},
-    {fault_kind::radio, "radio", true},
-    {fault_kind::no_peer_line, "no_peer_line", false},
-    {fault_kind::no_discovery, "no_discovery", false},
-    {fault_kind::dup_discovery, "dup_discovery", false},
+    {fault_kind::nack_count, "nack", NUMBER},
+    {fault_kind::nack_always, "nack_always", NONE},
+    {fault_kind::silent, "silent", NONE},
+    {fault_kind::no_marker, "no_marker", NONE},
+    {fault_kind::cut, "cut", NONE},
+    {fault_kind::refuse, "refuse", NONE},
+    {fault_kind::delay, "delay", NUMBER},
+    {fault_kind::same_send, "same_send", NONE},
+    {fault_kind::garbage, "garbage", NONE},
+    {fault_kind::radio, "radio", NUMBER},
+    {fault_kind::no_peer_line, "no_peer_line", NONE},
+    {fault_kind::no_discovery, "no_discovery", NONE},
+    {fault_kind::dup_discovery, "dup_discovery", NONE},
+    {fault_kind::trickle, "trickle", NUMBER},
+    {fault_kind::eth_lines, "eth_lines", NUMBER},
+    {fault_kind::claim_mac, "claim_mac", MAC},
 };
 
 const fault_kind_info* info_of(const std::string& name) {
@@ -83,11 +88,16 @@ int apply_fault(node& n, const std::vector<std::string>& words, std::string* err
   fault f;
   f.kind = info->kind;
   std::size_t next = 3;
-  if (info->takes_arg) {
+  if (info->takes == NUMBER) {
     if (words.size() <= next || !parse_int(words[next], &f.arg) || f.arg < 0) {
       return fail(error, std::string("fault ") + info->name + " needs a number");
     }
     ++next;
+  } else if (info->takes == MAC) {
+    if (words.size() <= next || !is_mac_text(words[next])) {
+      return fail(error, std::string("fault ") + info->name + " needs a MAC text");
+    }
+    f.mac = words[next++];
   }
   if (words.size() > next && !parse_commands(words[next++], &f.commands)) {
     return fail(error, "bad command list, expected on=I,J with indexes 0..11");

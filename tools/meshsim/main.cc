@@ -56,7 +56,8 @@ constexpr char USAGE[] =
     "  gains NAME G0 G1 G2 G3 | link NAME PEER BASE_KBPS | mesh NAME PEER BASE_KBPS\n"
     "  fault NAME KIND [ARG] [on=I,J] | fault NAME KIND off | fault NAME none\n"
     "    KIND: nack N, nack_always, silent, no_marker, cut, refuse, delay MS, same_send, garbage,\n"
-    "          radio N, no_peer_line, no_discovery, dup_discovery\n"
+    "          radio N, no_peer_line, no_discovery, dup_discovery, trickle MS, eth_lines N,\n"
+    "          claim_mac MAC\n"
     "Control lines: any statement, del node|client|neighbour|link|mesh NAME [PEER], show NAME.\n"
     "\n"
     "Stops cleanly on SIGINT and SIGTERM.\n";

@@ -51,10 +51,18 @@ void mesh_simulator::read_discovery() {
     job.next_ms = now_ms();
     for (const node& n : topo_.nodes) {
       if (find_fault(n, fault_kind::no_discovery, -1) != nullptr) continue;
-      char line[DISCOVERY_ANSWER_MAX + 1];
-      std::snprintf(line, sizeof line, "%s,%s,%d,%d", n.ip.c_str(), n.mac.c_str(), n.value, n.eth);
-      job.answers.emplace_back(n.ip, line);
-      if (find_fault(n, fault_kind::dup_discovery, -1) != nullptr) job.answers.emplace_back(n.ip, line);
+      const fault* claim = find_fault(n, fault_kind::claim_mac, -1);
+      const fault* lines = find_fault(n, fault_kind::eth_lines, -1);
+      const std::string& mac = claim != nullptr ? claim->mac : n.mac;
+      // With eth_lines the node announces interfaces 0 to N-1, one datagram each, all its own.
+      const int count = lines != nullptr ? lines->arg : 1;
+      for (int k = 0; k < count; ++k) {
+        char line[DISCOVERY_ANSWER_MAX + 1];
+        std::snprintf(line, sizeof line, "%s,%s,%d,%d", n.ip.c_str(), mac.c_str(), n.value,
+                      lines != nullptr ? k : n.eth);
+        job.answers.emplace_back(n.ip, line);
+        if (find_fault(n, fault_kind::dup_discovery, -1) != nullptr) job.answers.emplace_back(n.ip, line);
+      }
     }
     r.answer = "answers " + std::to_string(job.answers.size());
     records_.add(std::move(r));

@@ -28,11 +28,15 @@ enum class fault_kind {
   no_peer_line,   // "no_peer_line": command 5 lines name another MAC than the measured peer
   no_discovery,   // "no_discovery": the node does not answer discovery
   dup_discovery,  // "dup_discovery": the node answers discovery twice
+  trickle,        // "trickle MS": each answer line, and then the marker, MS ms after the previous send
+  eth_lines,      // "eth_lines N": the node answers discovery with N lines, eth indexes 0..N-1
+  claim_mac,      // "claim_mac MAC": the node answers discovery with another MAC than its own
 };
 
 struct fault {
   fault_kind kind = fault_kind::nack_always;
-  int arg = 0;                // nack count, delay ms or radio index
+  int arg = 0;                // nack count, delay or trickle ms, radio index or discovery lines
+  std::string mac;            // the MAC that claim_mac announces
   std::vector<int> commands;  // command indexes it is limited to; empty means all
 };
 
