@@ -77,12 +77,38 @@ def run(cmd, log, timeout):
 
 
 def suite_command(build, jobs):
-    ctest = ["ctest", "--test-dir", build, "-j", str(jobs), "--stop-on-failure", "--output-on-failure"]
+    # The browser check is no part of the default suite (it needs Chromium and takes a minute).
+    ctest = ["ctest", "--test-dir", build, "-j", str(jobs), "--stop-on-failure", "--output-on-failure",
+             "-LE", "browser"]
     # The suite talks to simulated nodes on loopback; a private network namespace keeps two runs
     # (or other work on the machine) from meeting on the same ports.
     if os.geteuid() == 0 and shutil.which("unshare") and shutil.which("ip"):
         return ["unshare", "-n", "sh", "-c", "ip link set lo up && exec " + " ".join(ctest)]
     return ctest
+
+
+def failed_tests(log):
+    """The tests a suite run reported as failed, as its log names them."""
+    names = []
+    try:
+        with open(log, encoding="utf-8", errors="replace") as f:
+            lines = f.read().splitlines()
+    except OSError:
+        return names
+    # A test program's own failures name the GoogleTest cases; otherwise CTest names the program.
+    for line in lines:
+        if line.startswith("[  FAILED  ] ") and "," not in line and " tests, " not in line:
+            case = line[len("[  FAILED  ] "):].split(" ", 1)[0]
+            if case not in names:
+                names.append(case)
+    if names:
+        return names
+    if "The following tests FAILED:" in lines:
+        for line in lines[lines.index("The following tests FAILED:") + 1:]:
+            parts = line.strip().split(" - ", 1)
+            if len(parts) == 2 and parts[0].isdigit():
+                names.append(parts[1].rsplit(" (", 1)[0])
+    return names
 
 
 def main():
@@ -92,11 +118,26 @@ def main():
     parser.add_argument("--jobs", type=int, default=os.cpu_count() or 2)
     parser.add_argument("--only", help="run only the faults whose description contains this text")
     parser.add_argument("--timeout", type=int, default=900, help="seconds for one suite run")
+    parser.add_argument("--check", action="store_true",
+                        help="only check that every original is found exactly once; nothing is built")
     args = parser.parse_args()
 
     mutants = read_mutants(args.list)
     if args.only:
         mutants = [m for m in mutants if args.only in m["breaks"] or args.only in m["file"]]
+    if args.check:
+        stale = 0
+        for m in mutants:
+            try:
+                with open(os.path.join(ROOT, m["file"]), encoding="utf-8") as f:
+                    found = f.read().count(m["original"])
+            except OSError:
+                found = 0
+            if found != 1:
+                stale += 1
+                print(f"{m['file']}:{m['line']}: {m['breaks']}: STALE (original found {found} times)")
+        print(f"{len(mutants)} faults, {stale} stale")
+        return 1 if stale else 0
     logs = os.path.join(args.build, "mutation-logs")
     os.makedirs(logs, exist_ok=True)
     configure = ["cmake", "-S", ROOT, "-B", args.build, "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
@@ -139,6 +180,9 @@ def main():
                 else:
                     killed += 1
                     fate = "killed" if code > 0 else "killed (suite timed out)"
+                    by = failed_tests(log)
+                    if by:
+                        fate += " by " + ", ".join(by)
         finally:
             # Written back with a fresh time, so the next build compiles the file again.
             with open(path, "w", encoding="utf-8") as f:
