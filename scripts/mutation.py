@@ -146,6 +146,11 @@ def main():
     if run(configure, os.path.join(logs, "configure.log"), 600) != 0 or \
        run(build, os.path.join(logs, "build.log"), 3600) != 0:
         sys.exit("mutation: the unchanged tree does not build; see " + logs)
+    # A suite that fails without any fault would count every fault as killed.
+    started = time.monotonic()
+    if run(suite_command(args.build, args.jobs), os.path.join(logs, "unchanged.log"), args.timeout) != 0:
+        sys.exit("mutation: the suite fails on the unchanged tree; see " + os.path.join(logs, "unchanged.log"))
+    print(f"the unchanged tree passes the suite [{time.monotonic() - started:.0f} s]", flush=True)
 
     killed = survived = stale = invalid = equivalent = 0
     for n, m in enumerate(mutants, 1):
