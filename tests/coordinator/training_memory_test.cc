@@ -143,6 +143,11 @@ TEST_F(TrainingMemoryTest, AFileWithAnyImpossibleValueIsRefusedWhole) {
       {resealed(swap(" aa:00:00:00:00:01 127", " AA:00:00:00:00:01 127")), "line 3: pair out of range"},
       {resealed(swap("pair aa:00:00:00:00:01-aa:00:00:00:00:02", "pair aa:00:00:00:00:02-aa:00:00:00:00:01")),
        "line 3: key is not its two MACs"},
+      {resealed(swap("pair aa:00:00:00:00:01-aa:00:00:00:00:02 aa:00:00:00:00:01 127.0.8.1 aa:00:00:00:00:02 "
+                     "127.0.8.200",
+                     "pair aa:00:00:00:00:02-aa:00:00:00:00:01 aa:00:00:00:00:02 127.0.8.200 "
+                     "aa:00:00:00:00:01 127.0.8.1")),
+       "line 3: key is not its two MACs"},  // the larger MAC on the left
       {resealed(swap("pairs 2 nodes 1\n", "pairs 3 nodes 1\n" + pair1)), "line 20: duplicate key"},
       {resealed(swap("pairs 2 ", "pairs 2049 ")), "line 2: counts out of range"},
       {resealed(swap("pairs 2 ", "pairs 3 ")), "line 37: malformed pair line"},

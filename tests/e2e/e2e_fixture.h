@@ -18,6 +18,10 @@
 #include "support/test_env.h"
 
 constexpr int E2E_WAIT_MS = 120000;  // generous: the machine may be loaded; nothing is timed
+// Unless a scenario says otherwise: a 6-s round in 60 ms, the agents' 3-s time-out 30 ms, and the
+// agents' pause before the marker that follows answer text.
+constexpr char E2E_TIME_SCALE[] = "0.01";
+constexpr int E2E_MARKER_GAP_MS = 5;
 
 // One agent command as the simulator recorded it.
 struct seen_command {
@@ -34,7 +38,7 @@ class mesh_run {
  public:
   // Starts the simulator with `topology` (written on 127.0.60.x, moved to 127.1.N.x); `conf` adds
   // lines to the daemon's configuration.
-  void start_mesh(int range, const std::string& topology, int marker_gap_ms = 50,
+  void start_mesh(int range, const std::string& topology, int marker_gap_ms = E2E_MARKER_GAP_MS,
                   const std::string& conf = "") {
     range_ = range;
     meshsim::sim_config config;
@@ -55,7 +59,7 @@ class mesh_run {
   }
 
   // `wrapper` runs the daemon (prlimit and its options, say).
-  void start_daemon(std::vector<std::string> args, const std::string& time_scale = "0.05",
+  void start_daemon(std::vector<std::string> args, const std::string& time_scale = E2E_TIME_SCALE,
                     std::vector<std::string> wrapper = {}) {
     args.insert(args.begin(), daemon_path());
     args.insert(args.begin(), wrapper.begin(), wrapper.end());

@@ -191,6 +191,42 @@ TEST(ParallelTrainingScenario, ASilentNodeCostsItsOwnPairOnceAndTheOthersTrainAs
   expect_no_neighbours_measured_together(faulty);
 }
 
+// Once c-d is trained, d stops answering training commands and g joins as its neighbour: d-g stops
+// at d, and the pattern application that ends that pass sends d nothing, neither c-d's transmit
+// pattern nor a receive pattern, although d would answer those.
+constexpr char ONE_PAIR[] = R"(
+node c 127.0.60.3 0a:5a:00:00:00:03
+node d 127.0.60.4 0a:5a:00:00:00:04
+client c 0a:5a:00:00:00:04
+client d 0a:5a:00:00:00:03
+mesh c d 300000
+)";
+
+TEST(ParallelTrainingScenario, TheNodeThatStoppedAPairIsSentNothingWhenThePassEnds) {
+  pair_run run;
+  run.start(48, ONE_PAIR, "parallel_training=true\n", {"-e"}, 0.01);
+  ASSERT_TRUE(run.daemon_->wait_for_output("zunta-coord: Training ends\n", RUN_WAIT_MS))
+      << run.daemon_->out();
+  const std::size_t told = run.received("d", 10).size();
+  ASSERT_EQ(1u, told);
+  std::string reply;
+  for (const std::string& line :
+       {std::string("fault d silent on=2,4,5,8"), "node g " + run.ip(7) + " 0a:5a:00:00:00:07",
+        std::string("client d 0a:5a:00:00:00:07"), std::string("client g 0a:5a:00:00:00:04"),
+        std::string("mesh d g 300000")})
+    ASSERT_EQ(0, run.sim_.control(line, &reply)) << line << ": " << reply;
+  ASSERT_TRUE(run.daemon_->wait_until(
+      [](const std::string& out) {
+        return out.find("stopped: node 127.1.48.4") != std::string::npos &&
+               count_of(out, "Training ends\n") >= 2;
+      },
+      RUN_WAIT_MS))
+      << run.daemon_->out();
+  run.daemon_->terminate();
+  EXPECT_EQ(told, run.received("d", 10).size());
+  EXPECT_TRUE(run.received("d", 11).empty());
+}
+
 // Thirteen pairs, none within two hops of another, all training at once.
 std::string thirteen_pairs() {
   std::string topology;
@@ -285,7 +321,8 @@ TEST(ParallelTrainingScenario, HostileAnswersCostOncePerDiscoveryAndAMovedNodeIs
   EXPECT_EQ(0, std::count_if(records.begin(), records.end(),
                              [](const meshsim::command_record& r) { return r.node == "y"; }));
   // x costs one command's 21 attempts per discovery, whatever it announces, and is never asked for
-  // its neighbours.
+  // its neighbours, nor does any of its other interfaces cost a line.
+  EXPECT_THAT(out, Not(HasSubstr("Error during get mesh list")));
   int discoveries = 0;
   int x_asked = 0;
   for (const meshsim::command_record& r : records) {

@@ -18,8 +18,6 @@ using ::testing::Not;
 constexpr char B[] = "0a:5a:00:00:00:02";
 constexpr char C[] = "0a:5a:00:00:00:03";
 constexpr char D[] = "0a:5a:00:00:00:04";
-constexpr char TIME_SCALE[] = "0.01";  // a 6-s round in 60 ms, the agents' 3-s time-out 30 ms
-constexpr int MARKER_GAP_MS = 5;
 
 // Each node prefers one pattern, so the chosen patterns are no accident of a zero-filled block.
 constexpr char TWO_NODES[] = R"(
@@ -83,12 +81,12 @@ class TrainingMemoryScenario : public MeshScenario {
 };
 
 TEST_F(TrainingMemoryScenario, RestartAppliesRememberedPatternsAndTrainsOnlyWhatIsNew) {
-  start_mesh(17, TWO_NODES, MARKER_GAP_MS);
+  start_mesh(17, TWO_NODES);
   base_conf_ = read_file(dir_ + "/zunta.conf");
 
   // Without the key, a file at the path is neither read nor replaced.
   write_file(memory(), "not read\n");
-  start_daemon({"-e"}, TIME_SCALE);
+  start_daemon({"-e"});
   ASSERT_TRUE(daemon_->wait_for_output("zunta-coord: Training ends\n", E2E_WAIT_MS)) << daemon_->out();
   EXPECT_EQ("not read\n", read_file(memory()));
   EXPECT_THAT(daemon_->out(), Not(HasSubstr("Training memory")));
@@ -109,7 +107,7 @@ TEST_F(TrainingMemoryScenario, RestartAppliesRememberedPatternsAndTrainsOnlyWhat
   // trains, and trains c-d alone.
   join("d", 4, D, "c", C);
   sim_.clear_records();
-  start_daemon({"-e"}, TIME_SCALE);
+  start_daemon({"-e"});
   ASSERT_TRUE(daemon_->wait_for_output("zunta-coord: Training ends\n", E2E_WAIT_MS)) << daemon_->out();
   EXPECT_THAT(daemon_->out(),
               HasSubstr("zunta-coord: Training memory " + memory() + " holds 2 trained mesh pairs\n"));
@@ -167,7 +165,7 @@ TEST_F(TrainingMemoryScenario, RestartAppliesRememberedPatternsAndTrainsOnlyWhat
     SCOPED_TRACE(d.name);
     d.make();
     sim_.clear_records();
-    start_daemon({"-e"}, TIME_SCALE);
+    start_daemon({"-e"});
     ASSERT_TRUE(wait_commands("", 4, 1));
     ASSERT_TRUE(daemon_->wait_for_output(" ignored: ", E2E_WAIT_MS)) << daemon_->out();
     const std::string out = daemon_->out();
