@@ -116,7 +116,8 @@ def main():
     parser.add_argument("--list", default=os.path.join(ROOT, "tests", "mutants.txt"))
     parser.add_argument("--build", default=os.path.join(ROOT, "build-mutation"))
     parser.add_argument("--jobs", type=int, default=os.cpu_count() or 2)
-    parser.add_argument("--only", help="run only the faults whose description contains this text")
+    parser.add_argument("--only", action="append",
+                        help="run only the faults whose file or description contains this text (repeatable)")
     parser.add_argument("--timeout", type=int, default=900, help="seconds for one suite run")
     parser.add_argument("--check", action="store_true",
                         help="only check that every original is found exactly once; nothing is built")
@@ -124,7 +125,7 @@ def main():
 
     mutants = read_mutants(args.list)
     if args.only:
-        mutants = [m for m in mutants if args.only in m["breaks"] or args.only in m["file"]]
+        mutants = [m for m in mutants if any(o in m["breaks"] or o in m["file"] for o in args.only)]
     if args.check:
         stale = 0
         for m in mutants:
