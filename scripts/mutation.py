@@ -77,8 +77,9 @@ def run(cmd, log, timeout):
 
 
 def suite_command(build, jobs):
-    # The browser check is no part of the default suite (it needs Chromium and takes a minute).
-    ctest = ["ctest", "--test-dir", build, "-j", str(jobs), "--stop-on-failure", "--output-on-failure",
+    # The browser check is no part of the default suite (it needs Chromium and takes a minute). The
+    # scenarios mostly wait on scaled pauses: three times as many run at once as there are processors.
+    ctest = ["ctest", "--test-dir", build, "-j", str(3 * jobs), "--stop-on-failure", "--output-on-failure",
              "-LE", "browser"]
     # The suite talks to simulated nodes on loopback; a private network namespace keeps two runs
     # (or other work on the machine) from meeting on the same ports.

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <string>
@@ -17,11 +18,20 @@
 #include "support/daemon_process.h"
 #include "support/test_env.h"
 
-constexpr int E2E_WAIT_MS = 120000;  // generous: the machine may be loaded; nothing is timed
-// Unless a scenario says otherwise: a 6-s round in 60 ms, the agents' 3-s time-out 30 ms, and the
-// agents' pause before the marker that follows answer text.
-constexpr char E2E_TIME_SCALE[] = "0.01";
-constexpr int E2E_MARKER_GAP_MS = 5;
+constexpr int E2E_WAIT_MS = 120000;   // generous: the machine may be loaded; nothing is timed
+// The agents' pause between answer text and its marker. The daemon drops text that arrives in the
+// same read as the marker, so the pause must outlast the daemon's way to its next read even on a
+// loaded machine: a few milliseconds do not.
+constexpr int E2E_MARKER_GAP_MS = 50;
+
+// The daemon's time scale: by default a 6-s round in 300 ms and the shortest socket time-out (the
+// 2-s discovery receive) at 100 ms, the least a loaded two-core machine keeps without spurious
+// time-outs. ZUNTA_E2E_TIME_SCALE may set it higher for a slower machine or emulator.
+inline double e2e_time_scale() {
+  const char* value = std::getenv("ZUNTA_E2E_TIME_SCALE");
+  const double scale = value != nullptr ? std::atof(value) : 0.0;
+  return scale >= 0.05 && scale <= 1.0 ? scale : 0.05;
+}
 
 // One agent command as the simulator recorded it.
 struct seen_command {
@@ -59,16 +69,17 @@ class mesh_run {
   }
 
   // `wrapper` runs the daemon (prlimit and its options, say).
-  void start_daemon(std::vector<std::string> args, const std::string& time_scale = E2E_TIME_SCALE,
+  void start_daemon(std::vector<std::string> args, double time_scale = e2e_time_scale(),
                     std::vector<std::string> wrapper = {}) {
     args.insert(args.begin(), daemon_path());
     args.insert(args.begin(), wrapper.begin(), wrapper.end());
     daemon_ = std::make_unique<daemon_process>(
-        args, std::vector<std::string>{
-                  "ZUNTA_CONF=" + dir_ + "/zunta.conf", "ZUNTA_SNAPSHOT=" + snapshot(),
-                  "ZUNTA_STATUS_JSON=" + dir_ + "/zunta-status.json", "ZUNTA_DUMP_FILE=" + dir_ + "/dump.log",
-                  "ZUNTA_TRAINING_STATUS_FILE=" + dir_ + "/status.log",
-                  "ZUNTA_AGENT_PORT=" + std::to_string(25000 + range_), "ZUNTA_TIME_SCALE=" + time_scale});
+        args, std::vector<std::string>{"ZUNTA_CONF=" + dir_ + "/zunta.conf", "ZUNTA_SNAPSHOT=" + snapshot(),
+                                       "ZUNTA_STATUS_JSON=" + dir_ + "/zunta-status.json",
+                                       "ZUNTA_DUMP_FILE=" + dir_ + "/dump.log",
+                                       "ZUNTA_TRAINING_STATUS_FILE=" + dir_ + "/status.log",
+                                       "ZUNTA_AGENT_PORT=" + std::to_string(25000 + range_),
+                                       "ZUNTA_TIME_SCALE=" + std::to_string(time_scale)});
     ASSERT_TRUE(daemon_->started());
   }
 
