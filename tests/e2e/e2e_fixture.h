@@ -18,7 +18,7 @@
 #include "support/daemon_process.h"
 #include "support/test_env.h"
 
-constexpr int E2E_WAIT_MS = 120000;   // generous: the machine may be loaded; nothing is timed
+constexpr int E2E_WAIT_MS = 120000;  // generous: the machine may be loaded; nothing is timed
 // The agents' pause between answer text and its marker. The daemon drops text that arrives in the
 // same read as the marker, so the pause must outlast the daemon's way to its next read even on a
 // loaded machine: a few milliseconds do not.
