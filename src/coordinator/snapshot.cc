@@ -75,8 +75,9 @@ int write_snapshot(struct coordinator* coordinator, const options* opts) {
   if (file.open(zunta_snapshot_path()) != 0) {
     int error = errno;
     ZLOG_AS("zunta_snapshot_info", COMP_CORE, LVL_E, "ERROR opening file %s!\n", zunta_snapshot_path());
-    ZLOG_AS("zunta_snapshot_info", COMP_CORE, LVL_E, "No new file for %s can be created in its directory: %s\n",
-            zunta_snapshot_path(), std::strerror(error));
+    ZLOG_AS("zunta_snapshot_info", COMP_CORE, LVL_E,
+            "No new file for %s can be created in its directory: %s\n", zunta_snapshot_path(),
+            std::strerror(error));
     return -1;
   }
   char now[TIME_TEXT_SIZE];

@@ -84,7 +84,8 @@ bool zunta_mp_parallel_training(const node_tables* nodes, mesh_pair* const* pair
 // --- Selection ---
 
 // Stores the pair's best transmit patterns (highest sum of the two moving averages). Only rounds
-// of radio 2 whose reported patterns lie in 0..3 qualify; without one the patterns are kept.
+// of radio 2 whose reported patterns lie in 0..3 qualify; without one both patterns become
+// TX_PATTERN_NONE, so nothing is sent for the pair (the status file shows 0xffffffff).
 void zunta_compute_best_mp_training(trained_mesh_pair* tp);
 int32_t zunta_get_double_pattern_index(int32_t left_index, int32_t right_index);
 // The round whose reported patterns the selection above picks for a block of sixteen measured

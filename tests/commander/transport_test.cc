@@ -6,13 +6,16 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "commander/failures.h"
 #include "core/fd.h"
 #include "core/log.h"
+#include "core/runtime.h"
 #include "support/capture_stdout.h"
 #include "support/fake_agent.h"
 #include "support/test_env.h"
@@ -67,11 +70,18 @@ TEST_F(CommandChannelTest, SilenceCountsAsRefusal) {
   EXPECT_EQ(0, send9());  // the next connection is acknowledged
 }
 
-TEST_F(CommandChannelTest, RefusalIsRepeatedTwentyTimesThenGivenUp) {
+// However fast the agent refuses, the twenty repetitions wait their (scaled) second each; the
+// command then counts as one failed exchange of the node.
+TEST_F(CommandChannelTest, RefusalIsRepeatedTwentyTimesAtOneSecondPausesThenGivenUp) {
   start_agent({{"nack"}});
   log_level_scope verbose(LVL_I);
   capture_stdout out;
+  const uint32_t failures = zunta_exchange_failures(AGENT_IP);
+  const auto started = std::chrono::steady_clock::now();
   EXPECT_EQ(1, send9());
+  EXPECT_GE(std::chrono::steady_clock::now() - started,
+            std::chrono::microseconds(20 * zunta_scaled_us(1000000)));
+  EXPECT_EQ(failures + 1, zunta_exchange_failures(AGENT_IP));
   EXPECT_THAT(out.text(), HasSubstr("Maximum number of requests is reached\n"));
   agent_->stop();
   EXPECT_EQ(21u, agent_->commands().size());
@@ -173,6 +183,10 @@ TEST_F(CommandChannelTest, LocalFailuresAreNotRepeated) {
   // Nobody listens on this address: the connection is refused.
   EXPECT_EQ(-1,
             zunta_make_and_send_command(command_, 1, -1, PLACEHOLDER_IP, ZERO_MAC, answer_, "127.0.3.99"));
+  // The agent refuses, then is gone when the command is repeated: the command did not go through.
+  start_agent({{"nack"}});
+  agent_->vanish_after(1);
+  EXPECT_EQ(-1, send9());
   start_agent({{"ack"}});
   for (const char* ip : {"127.0.3", "localhost", "127.0.3.2.1", ""}) {
     SCOPED_TRACE(ip);

@@ -41,26 +41,30 @@ sockaddr_in loopback(uint32_t host, uint16_t port) {  // 127.0.2.host
   return {AF_INET, htons(port), {htonl(0x7f000200 | host)}, {}};
 }
 
-// The coordinator's socket listens on 127.0.2.1 at port+1 and broadcasts to 127.0.2.255 at port,
-// where `responder_` receives the requests.
+// The coordinator's socket listens on 127.0.2.1 at port+1 and broadcasts to loopback's broadcast
+// address 127.255.255.255 (which takes the socket's broadcast option) at port, where `requests_`
+// receives the requests; `responder_`, on 127.0.2.255, answers them.
 class DiscoveryTest : public ::testing::Test {
  protected:
   void open(uint16_t port) {
-    options opts = {0, "127.0.2.255", port, 0, 0, 0};
+    options opts = {0, "127.255.255.255", port, 0, 0, 0};
     ASSERT_EQ(0, zunta_coordinator_init(&c_, &opts));
     sock_.reset(c_.sockfd);
     own_ = loopback(1, port + 1);
     ASSERT_EQ(0, bind(sock_.get(), reinterpret_cast<sockaddr*>(&own_), sizeof own_));
     responder_ = socket_at(255, port);
+    requests_.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(
+        0, bind(requests_.get(), reinterpret_cast<sockaddr*>(&c_.broadcast_addr), sizeof c_.broadcast_addr));
     timeval silence{1, 0};  // the sender threads may be slowed down by a loaded machine
     setsockopt(sock_.get(), SOL_SOCKET, SO_RCVTIMEO, &silence, sizeof silence);
     timeval request_wait{30, 0};
-    setsockopt(responder_.get(), SOL_SOCKET, SO_RCVTIMEO, &request_wait, sizeof request_wait);
+    setsockopt(requests_.get(), SOL_SOCKET, SO_RCVTIMEO, &request_wait, sizeof request_wait);
   }
   // Runs `send` once the responder has the request, as a node would; request_size_ is its size.
   std::thread on_request(std::function<void()> send) {
     return std::thread([this, send] {
-      request_size_ = recv(responder_.get(), nullptr, 0, MSG_TRUNC);
+      request_size_ = recv(requests_.get(), nullptr, 0, MSG_TRUNC);
       send();
     });
   }
@@ -91,7 +95,7 @@ class DiscoveryTest : public ::testing::Test {
   }
 
   struct coordinator c_ = {};
-  unique_fd sock_, responder_;
+  unique_fd sock_, responder_, requests_;
   sockaddr_in own_{};
   ssize_t request_size_ = -1;
   char buffer_[BROADCAST_BUFFER_SIZE] = {};
@@ -151,7 +155,7 @@ TEST_F(DiscoveryTest, OneRequestPerPeriodAndAnswersKeptInOrderUpToTheLimit) {
   std::memset(buffer, 'x', sizeof buffer - 1);
   EXPECT_EQ(0, zunta_mesh_nodes_discovery(&c_, &new_broadcast, buffer));
   EXPECT_EQ(nullptr, std::memchr(buffer, 'x', sizeof buffer));
-  EXPECT_EQ(-1, recv(responder_.get(), nullptr, 0, MSG_DONTWAIT | MSG_TRUNC));
+  EXPECT_EQ(-1, recv(requests_.get(), nullptr, 0, MSG_DONTWAIT | MSG_TRUNC));
 }
 
 // Datagrams that came between requests are not answers to the next one, and a host that never

@@ -41,15 +41,13 @@ TEST(DaemonStartTest, MissingConfigurationEndsTheProgram) {
       << daemon.out();
 }
 
-TEST(DaemonStartTest, InvalidOverridesAreRefusedBeforeStartUp) {
-  for (const char* scale : {"0", "-1", "fast"}) {
-    SCOPED_TRACE(scale);
-    daemon_process refused({daemon_path()}, {std::string("ZUNTA_TIME_SCALE=") + scale});
-    EXPECT_EQ(2, refused.wait_exit(WAIT_MS));
-    EXPECT_EQ("", refused.out());
-    EXPECT_TRUE(std::regex_match(refused.err(), std::regex("zunta-coord: ZUNTA_TIME_SCALE [^\n]*\n")))
-        << refused.err();
-  }
+// Which values are refused is the runtime's test; the daemon refuses before it logs anything.
+TEST(DaemonStartTest, AnInvalidOverrideIsRefusedBeforeStartUp) {
+  daemon_process refused({daemon_path()}, {"ZUNTA_TIME_SCALE=fast"});
+  EXPECT_EQ(2, refused.wait_exit(WAIT_MS));
+  EXPECT_EQ("", refused.out());
+  EXPECT_TRUE(std::regex_match(refused.err(), std::regex("zunta-coord: ZUNTA_TIME_SCALE [^\n]*\n")))
+      << refused.err();
 }
 
 // Refusals at start-up come after the banner, under the procedure's name, and end the program.
@@ -65,7 +63,8 @@ TEST(DaemonStartTest, NotTheRootOrManualPatternsWithoutTwoValuesAreRefused) {
   } cases[] = {{not_root, {}, no_root},
                {root, {"-2"}, no_patterns},
                {root, {"-2", "1"}, no_patterns},
-               {root, {"-2", "1", "x"}, no_patterns}};
+               {root, {"-2", "1", "x"}, no_patterns},
+               {root, {"-2", "1", "2x"}, no_patterns}};
   for (const auto& c : cases) {
     std::vector<std::string> args = c.args;
     args.insert(args.begin(), daemon_path());

@@ -139,7 +139,7 @@ TEST_F(ConfigReaderTest, SwitchesFollowTheFile) {
   EXPECT_EQ(-1, zunta_config_load_options((test_dir() + "/missing.conf").c_str(), &opts_));
   EXPECT_EQ(2, opts_.discovery_check_sender + opts_.parallel_training);  // both kept
   EXPECT_STREQ("/var/lib/zunta/training", opts_.training_memory);
-  load("parallel_training=yes\n");
+  load("root=true\n");
   EXPECT_EQ(0, opts_.discovery_check_sender + opts_.parallel_training);
   EXPECT_STREQ("", opts_.training_memory);
   capture_stdout out;

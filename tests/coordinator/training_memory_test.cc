@@ -4,14 +4,19 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cinttypes>
+#include <cstdio>
 #include <cstring>
+#include <functional>
 #include <string>
 
 #include "coordinator/coordinator.h"
 #include "core/checksum.h"
 #include "meshpair/meshpair.h"
+#include "support/capture_stdout.h"
 #include "support/test_env.h"
 #include "training/training.h"
 
@@ -143,6 +148,11 @@ TEST_F(TrainingMemoryTest, AFileWithAnyImpossibleValueIsRefusedWhole) {
       {resealed(swap(" aa:00:00:00:00:01 127", " AA:00:00:00:00:01 127")), "line 3: pair out of range"},
       {resealed(swap("pair aa:00:00:00:00:01-aa:00:00:00:00:02", "pair aa:00:00:00:00:02-aa:00:00:00:00:01")),
        "line 3: key is not its two MACs"},
+      {resealed(swap("pair aa:00:00:00:00:01-aa:00:00:00:00:02 aa:00:00:00:00:01 127.0.8.1 aa:00:00:00:00:02 "
+                     "127.0.8.200",
+                     "pair aa:00:00:00:00:02-aa:00:00:00:00:01 aa:00:00:00:00:02 127.0.8.200 "
+                     "aa:00:00:00:00:01 127.0.8.1")),
+       "line 3: key is not its two MACs"},  // the larger MAC on the left
       {resealed(swap("pairs 2 nodes 1\n", "pairs 3 nodes 1\n" + pair1)), "line 20: duplicate key"},
       {resealed(swap("pairs 2 ", "pairs 2049 ")), "line 2: counts out of range"},
       {resealed(swap("pairs 2 ", "pairs 3 ")), "line 37: malformed pair line"},
@@ -159,6 +169,34 @@ TEST_F(TrainingMemoryTest, AFileWithAnyImpossibleValueIsRefusedWhole) {
     char reason[TRAINING_MEMORY_REASON_SIZE];
     EXPECT_EQ(nullptr, zunta_training_memory_parse(c.text.data(), c.text.size(), reason));
     EXPECT_THAT(reason, HasSubstr(c.reason));
+  }
+}
+
+// The loader takes only a regular file, not a link, of at most 8 MiB, and says once why not.
+TEST_F(TrainingMemoryTest, TheLoaderRefusesLinksLargeFilesAndDamageWithOneWarning) {
+  const std::string good = saved();
+  std::string flipped = good;
+  flipped[good.find("\nround 5 ") + 9] ^= 1;
+  const std::string elsewhere = test_dir() + "/training-elsewhere";
+  write_file(elsewhere, good);
+  const struct {
+    std::function<int()> make;
+    const char* reason;
+  } cases[] = {
+      {[&] { return write_file(path_, flipped), 0; }, "checksum mismatch"},
+      {[&] { return write_file(path_, good), truncate(path_.c_str(), TRAINING_MEMORY_MAX_BYTES + 1); },
+       "larger than"},
+      {[&] { return symlink(elsewhere.c_str(), path_.c_str()); }, "a symbolic link"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.reason);
+    std::remove(path_.c_str());
+    ASSERT_EQ(0, c.make());
+    capture_stdout out;
+    EXPECT_EQ(nullptr, zunta_training_memory_load(path_.c_str()));
+    const std::string text = out.text();
+    EXPECT_THAT(text, HasSubstr("ZUNTA:W:CORE: Training memory " + path_ + " ignored: " + c.reason));
+    EXPECT_EQ(1, std::count(text.begin(), text.end(), '\n')) << text;
   }
 }
 

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <string>
@@ -18,6 +19,19 @@
 #include "support/test_env.h"
 
 constexpr int E2E_WAIT_MS = 120000;  // generous: the machine may be loaded; nothing is timed
+// The agents' pause between answer text and its marker. The daemon drops text that arrives in the
+// same read as the marker, so the pause must outlast the daemon's way to its next read even on a
+// loaded machine: a few milliseconds do not.
+constexpr int E2E_MARKER_GAP_MS = 50;
+
+// The daemon's time scale: by default a 6-s round in 300 ms and the shortest socket time-out (the
+// 2-s discovery receive) at 100 ms, the least a loaded two-core machine keeps without spurious
+// time-outs. ZUNTA_E2E_TIME_SCALE may set it higher for a slower machine or emulator.
+inline double e2e_time_scale() {
+  const char* value = std::getenv("ZUNTA_E2E_TIME_SCALE");
+  const double scale = value != nullptr ? std::atof(value) : 0.0;
+  return scale >= 0.05 && scale <= 1.0 ? scale : 0.05;
+}
 
 // One agent command as the simulator recorded it.
 struct seen_command {
@@ -34,7 +48,7 @@ class mesh_run {
  public:
   // Starts the simulator with `topology` (written on 127.0.60.x, moved to 127.1.N.x); `conf` adds
   // lines to the daemon's configuration.
-  void start_mesh(int range, const std::string& topology, int marker_gap_ms = 50,
+  void start_mesh(int range, const std::string& topology, int marker_gap_ms = E2E_MARKER_GAP_MS,
                   const std::string& conf = "") {
     range_ = range;
     meshsim::sim_config config;
@@ -55,16 +69,17 @@ class mesh_run {
   }
 
   // `wrapper` runs the daemon (prlimit and its options, say).
-  void start_daemon(std::vector<std::string> args, const std::string& time_scale = "0.05",
+  void start_daemon(std::vector<std::string> args, double time_scale = e2e_time_scale(),
                     std::vector<std::string> wrapper = {}) {
     args.insert(args.begin(), daemon_path());
     args.insert(args.begin(), wrapper.begin(), wrapper.end());
     daemon_ = std::make_unique<daemon_process>(
-        args, std::vector<std::string>{
-                  "ZUNTA_CONF=" + dir_ + "/zunta.conf", "ZUNTA_SNAPSHOT=" + snapshot(),
-                  "ZUNTA_STATUS_JSON=" + dir_ + "/zunta-status.json", "ZUNTA_DUMP_FILE=" + dir_ + "/dump.log",
-                  "ZUNTA_TRAINING_STATUS_FILE=" + dir_ + "/status.log",
-                  "ZUNTA_AGENT_PORT=" + std::to_string(25000 + range_), "ZUNTA_TIME_SCALE=" + time_scale});
+        args, std::vector<std::string>{"ZUNTA_CONF=" + dir_ + "/zunta.conf", "ZUNTA_SNAPSHOT=" + snapshot(),
+                                       "ZUNTA_STATUS_JSON=" + dir_ + "/zunta-status.json",
+                                       "ZUNTA_DUMP_FILE=" + dir_ + "/dump.log",
+                                       "ZUNTA_TRAINING_STATUS_FILE=" + dir_ + "/status.log",
+                                       "ZUNTA_AGENT_PORT=" + std::to_string(25000 + range_),
+                                       "ZUNTA_TIME_SCALE=" + std::to_string(time_scale)});
     ASSERT_TRUE(daemon_->started());
   }
 

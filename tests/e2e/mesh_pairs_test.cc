@@ -2,10 +2,7 @@
 // while it registers the nodes and derives the pairs, and what options -0 and -2 do with them.
 #include <gmock/gmock.h>
 
-#include <set>
-
 #include "e2e/e2e_fixture.h"
-#include "meshsim/generate.h"
 
 namespace {
 
@@ -96,30 +93,6 @@ TEST_F(MeshPairsScenario, ManualPatternsGoLeftAndRightThenDumpsStart) {
                         {"m1", cmd(4, -1, "127.0.0.1", M2)},
                         {"m2", cmd(4, -1, "127.0.0.1", M1)},
                     }));
-}
-
-TEST_F(MeshPairsScenario, TwoHundredFiftyNodesAreAllDiscovered) {
-  std::string topology;
-  std::string error;
-  ASSERT_EQ(0, meshsim::generate_topology(250, 7, "127.0.60", &topology, &error)) << error;
-  // Without client lines no node is a mesh node, so no MAC is shared: the test stays about discovery.
-  std::string kept;
-  std::istringstream lines(topology);
-  for (std::string line; std::getline(lines, line);) {
-    if (line.rfind("client ", 0) != 0) kept += line + "\n";
-  }
-  start_mesh(3, kept, 10);
-  start_daemon({"-0"});
-  ASSERT_EQ(0, daemon_->wait_exit(E2E_WAIT_MS)) << daemon_->out();
-  std::set<std::string> asked_clients;
-  std::set<std::string> asked_neighbours;
-  for (const seen_command& c : commands({9}))
-    asked_clients.insert(c.node);
-  for (const seen_command& c : commands({1}))
-    asked_neighbours.insert(c.node);
-  EXPECT_EQ(250u, asked_clients.size());
-  EXPECT_EQ(250u, asked_neighbours.size());
-  EXPECT_EQ(500u, commands().size());
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // Training several pairs at once, end to end, each run against its own simulator: pairs train as
-// they would one at a time (commands, tables, patterns, status file) while no dead node, slow
-// agent, shortage of descriptors or hostile discovery answer holds up the others, and pairs within
-// two hops never measure at the same time.
+// they would one at a time (commands, tables, patterns, status file) while no dead node, shortage
+// of descriptors or hostile discovery answer holds up the others, and pairs within two hops never
+// measure at the same time. (A slow but complete agent is the command channel's test.)
 #include <gmock/gmock.h>
 
 #include <map>
@@ -16,7 +16,6 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 
 constexpr int RUN_WAIT_MS = 120000;  // generous: the machine may be loaded; nothing is timed
-constexpr int MARKER_GAP_MS = 5;     // the agents' pause before "ack", small beside the pauses
 
 // One daemon run against its own simulator on 127.1.<range>.x.
 class pair_run : public mesh_run {
@@ -24,8 +23,8 @@ class pair_run : public mesh_run {
   void start(int range, const std::string& topology, const std::string& conf, std::vector<std::string> args,
              double scale, std::vector<std::string> wrapper = {}) {
     scale_ = scale;
-    start_mesh(range, topology, MARKER_GAP_MS, conf);
-    start_daemon(std::move(args), std::to_string(scale), std::move(wrapper));
+    start_mesh(range, topology, E2E_MARKER_GAP_MS, conf);
+    start_daemon(std::move(args), scale, std::move(wrapper));
   }
 
   // The text with this run's addresses 127.1.<range>.x written 127.1.N.x, to compare runs.
@@ -148,9 +147,9 @@ neighbour b c
 TEST(ParallelTrainingScenario, ASilentNodeCostsItsOwnPairOnceAndTheOthersTrainAsAlone) {
   pair_run healthy;
   pair_run faulty;
-  healthy.start(40, THREE_PAIRS, "", {"-1"}, 0.034);
+  healthy.start(40, THREE_PAIRS, "", {"-1"}, e2e_time_scale());
   faulty.start(41, std::string(THREE_PAIRS) + "fault d silent on=2,4,5,8\n", "parallel_training=true\n",
-               {"-e"}, 0.034);
+               {"-e"}, e2e_time_scale());
   // The 21st attempt is held silent to its time-out, whatever the agent does from now on.
   ASSERT_TRUE(faulty.wait_commands("d", 2, 21));
   std::string reply;
@@ -191,6 +190,42 @@ TEST(ParallelTrainingScenario, ASilentNodeCostsItsOwnPairOnceAndTheOthersTrainAs
   expect_no_neighbours_measured_together(faulty);
 }
 
+// Once c-d is trained, d stops answering training commands and g joins as its neighbour: d-g stops
+// at d, and the pattern application that ends that pass sends d nothing, neither c-d's transmit
+// pattern nor a receive pattern, although d would answer those.
+constexpr char ONE_PAIR[] = R"(
+node c 127.0.60.3 0a:5a:00:00:00:03
+node d 127.0.60.4 0a:5a:00:00:00:04
+client c 0a:5a:00:00:00:04
+client d 0a:5a:00:00:00:03
+mesh c d 300000
+)";
+
+TEST(ParallelTrainingScenario, TheNodeThatStoppedAPairIsSentNothingWhenThePassEnds) {
+  pair_run run;
+  run.start(48, ONE_PAIR, "parallel_training=true\n", {"-e"}, e2e_time_scale());
+  ASSERT_TRUE(run.daemon_->wait_for_output("zunta-coord: Training ends\n", RUN_WAIT_MS))
+      << run.daemon_->out();
+  const std::size_t told = run.received("d", 10).size();
+  ASSERT_EQ(1u, told);
+  std::string reply;
+  for (const std::string& line :
+       {std::string("fault d silent on=2,4,5,8"), "node g " + run.ip(7) + " 0a:5a:00:00:00:07",
+        std::string("client d 0a:5a:00:00:00:07"), std::string("client g 0a:5a:00:00:00:04"),
+        std::string("mesh d g 300000")})
+    ASSERT_EQ(0, run.sim_.control(line, &reply)) << line << ": " << reply;
+  ASSERT_TRUE(run.daemon_->wait_until(
+      [](const std::string& out) {
+        return out.find("stopped: node 127.1.48.4") != std::string::npos &&
+               count_of(out, "Training ends\n") >= 2;
+      },
+      RUN_WAIT_MS))
+      << run.daemon_->out();
+  run.daemon_->terminate();
+  EXPECT_EQ(told, run.received("d", 10).size());
+  EXPECT_TRUE(run.received("d", 11).empty());
+}
+
 // Thirteen pairs, none within two hops of another, all training at once.
 std::string thirteen_pairs() {
   std::string topology;
@@ -216,8 +251,9 @@ TEST(ParallelTrainingScenario, MorePairsThanDescriptorsTrainAsWithoutTheLimit) {
   pair_run limited;
   pair_run free_run;
   const auto started = std::chrono::steady_clock::now();
-  limited.start(43, topology, "parallel_training=true\n", {"-1"}, 0.034, {"prlimit", "--nofile=12"});
-  free_run.start(44, topology, "parallel_training=true\n", {"-1"}, 0.034);
+  limited.start(43, topology, "parallel_training=true\n", {"-1"}, e2e_time_scale(),
+                {"prlimit", "--nofile=12"});
+  free_run.start(44, topology, "parallel_training=true\n", {"-1"}, e2e_time_scale());
   ASSERT_EQ(0, limited.daemon_->wait_exit(RUN_WAIT_MS)) << limited.daemon_->out();
   const auto wall_ms =
       std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started)
@@ -259,7 +295,7 @@ fault x nack_always
 
 TEST(ParallelTrainingScenario, HostileAnswersCostOncePerDiscoveryAndAMovedNodeIsFollowed) {
   pair_run run;
-  run.start(46, HOSTILE, "parallel_training=true\n", {"-e"}, 0.034);
+  run.start(46, HOSTILE, "parallel_training=true\n", {"-e"}, e2e_time_scale());
   ASSERT_TRUE(run.wait_snapshot([](const std::string& text) { return count_of(text, "\"key\"") == 2; }))
       << run.daemon_->out();
   std::string reply;
@@ -285,7 +321,8 @@ TEST(ParallelTrainingScenario, HostileAnswersCostOncePerDiscoveryAndAMovedNodeIs
   EXPECT_EQ(0, std::count_if(records.begin(), records.end(),
                              [](const meshsim::command_record& r) { return r.node == "y"; }));
   // x costs one command's 21 attempts per discovery, whatever it announces, and is never asked for
-  // its neighbours.
+  // its neighbours, nor does any of its other interfaces cost a line.
+  EXPECT_THAT(out, Not(HasSubstr("Error during get mesh list")));
   int discoveries = 0;
   int x_asked = 0;
   for (const meshsim::command_record& r : records) {
@@ -304,30 +341,6 @@ TEST(ParallelTrainingScenario, HostileAnswersCostOncePerDiscoveryAndAMovedNodeIs
   EXPECT_GE(given_up, discoveries - 1);  // the last discovery may have been cut short
   EXPECT_LE(given_up, discoveries);
   expect_no_neighbours_measured_together(run);
-}
-
-// b's answers come a line at a time, each 450 ms (2.25 s at full time) after the previous send: the
-// whole answer takes longer than twice the read time-out, yet each command goes through at once.
-constexpr char SLOW_B[] = R"(
-node a 127.0.60.1 0a:5a:00:00:00:01
-node b 127.0.60.2 0a:5a:00:00:00:02
-client a 0a:5a:00:00:00:02
-client b 0a:5a:00:00:00:01
-client b 3c:22:fb:10:20:30,-48,wlan0
-mesh a b 300000
-neighbour b 0a:5a:00:00:00:09 -1
-fault b trickle 450 on=9,1
-)";
-
-TEST(ParallelTrainingScenario, ASlowButCompleteAgentIsAskedOnce) {
-  pair_run run;
-  run.start(47, SLOW_B, "", {"-0"}, 0.2);
-  ASSERT_EQ(0, run.daemon_->wait_exit(RUN_WAIT_MS)) << run.daemon_->out();
-  EXPECT_EQ(1u, run.received("b", 9).size());
-  EXPECT_EQ(1u, run.received("b", 1).size());
-  ASSERT_EQ(1u, run.received("b", 2).size());
-  EXPECT_EQ(3, run.received("b", 2)[0].value);
-  EXPECT_THAT(run.daemon_->out(), Not(HasSubstr("ERROR")));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 
 #include <cstdio>
+#include <ctime>
 #include <functional>
 #include <regex>
 
@@ -66,24 +67,21 @@ std::string cmd(int index, int value, const std::string& arg1, const std::string
 
 class TrainingScenario : public MeshScenario {
  protected:
-  // The 128 commands of one pair's training. The fallback of each round is the best combination
-  // of the rounds before it (0,0 before any), by the sum of both ends' reports.
+  // The 128 commands of one pair's training. Each round's fallback is the best round before it
+  // (0,0 before any): the reports grow with the round, and nothing after the bump round beats it.
   std::vector<seen_command> rounds(const char* left, const char* lmac, int lhost, const char* right,
-                                   const char* rmac, int rhost, int (*rate)(int, int)) const {
+                                   const char* rmac, int rhost, int bump) const {
     std::vector<seen_command> out;
-    int best = -1, best_left = 0, best_right = 0;
     for (int r = 0; r < 16; ++r) {
-      const int l = r % 4, rr = r / 4;
-      out.push_back({left, cmd(2, l, "1.8.0." + std::to_string(best_left), rmac)});
-      out.push_back({right, cmd(2, rr, "1.8.0." + std::to_string(best_right), lmac)});
+      const int l = r % 4, rr = r / 4, fallback = r == 0 ? 0 : std::min(r - 1, bump);
+      out.push_back({left, cmd(2, l, "1.8.0." + std::to_string(fallback % 4), rmac)});
+      out.push_back({right, cmd(2, rr, "1.8.0." + std::to_string(fallback / 4), lmac)});
       out.push_back({left, cmd(4, -1, "127.0.0.1", rmac)});
       out.push_back({right, cmd(4, -1, "127.0.0.1", lmac)});
       out.push_back({left, cmd(8, -1, ip(rhost), "00:00:00:00:00:00")});
       out.push_back({right, cmd(8, -1, ip(lhost), "00:00:00:00:00:00")});
       out.push_back({left, cmd(5, -1, "127.0.0.1", "00:00:00:00:00:00")});
       out.push_back({right, cmd(5, -1, "127.0.0.1", "00:00:00:00:00:00")});
-      int sum = rate(l, rr) + plain(l, rr);
-      if (sum > best) std::tie(best, best_left, best_right) = std::make_tuple(sum, l, rr);
     }
     return out;
   }
@@ -104,8 +102,8 @@ TEST_F(TrainingScenario, TrainOnceChoosesKnownPatternsAndPublishesThem) {
 
   // b-c is the newest pair and trains first. Then b, the only node with two neighbours, receives
   // on the pattern that scores best over both its pairs; a and c receive on their transmit pattern.
-  std::vector<seen_command> expected = rounds("b", B, 2, "c", C, 3, rate_bc);
-  std::vector<seen_command> ab = rounds("a", A, 1, "b", B, 2, rate_ab);
+  std::vector<seen_command> expected = rounds("b", B, 2, "c", C, 3, 3);
+  std::vector<seen_command> ab = rounds("a", A, 1, "b", B, 2, 9);
   expected.insert(expected.end(), ab.begin(), ab.end());
   std::vector<seen_command> after = {
       {"c", cmd(2, 0, "127.0.0.1", B)},  {"b", cmd(11, 2, "127.0.0.1", "00:00:00:00:00:00")},
@@ -176,7 +174,13 @@ TEST_F(TrainingScenario, TopologyChangesRetrainOnlyWhatIsNew) {
   for (const seen_command& c : trained)
     EXPECT_NE("a", c.node) << c;
   EXPECT_TRUE(wait_snapshot([](const std::string& s) { return count_of(s, "\"key\"") == 2; }));
-  EXPECT_EQ(2, count_of(daemon_->out(), "zunta-coord: Training ends\n"));
+  // The status file may be read before the daemon's output has been: wait for the line.
+  EXPECT_TRUE(daemon_->wait_until(
+      [](const std::string& out) {
+        return count_of(out, "zunta-coord: Training triggered for new mesh pair\n") == 2;
+      },
+      E2E_WAIT_MS))
+      << daemon_->out();
 }
 
 // Without -e the trained pairs outlive every registry rebuild: a node under a new address keeps
@@ -204,14 +208,16 @@ TEST_F(TrainingScenario, RebuildsKeepReceivePatternsAndAVanishedNodeShowsNone) {
   EXPECT_THAT(status, HasSubstr(node_block(B, 2, 3, 2)));
 }
 
-TEST_F(TrainingScenario, NodeThatStopsAnsweringDoesNotStopTheTraining) {
-  start_mesh(13, R"(
+constexpr char TWO_NODES[] = R"(
 node a 127.0.60.1 0a:5a:00:00:00:01
 node b 127.0.60.2 0a:5a:00:00:00:02
 client a 0a:5a:00:00:00:02
 client b 0a:5a:00:00:00:01
 mesh a b 300000
-)");
+)";
+
+TEST_F(TrainingScenario, NodeThatStopsAnsweringDoesNotStopTheTraining) {
+  start_mesh(13, TWO_NODES);
   start_daemon({"-1"});
   ASSERT_TRUE(sim_.wait_for(
       [](const std::vector<meshsim::command_record>& records) {
@@ -229,6 +235,37 @@ mesh a b 300000
   EXPECT_THAT(out, HasSubstr(" - Training progress: 100.00%\n"));
   EXPECT_THAT(out, HasSubstr("Connection Failed\n"));
   EXPECT_THAT(out, testing::EndsWith("zunta-coord: Training ends\nExit\n"));
+}
+
+// The configuration is read again every cycle: a broadcast address edited while the daemon runs
+// is where the next request goes. The daemon's time zone makes its clock enter a new hour a few
+// seconds after the start, and that is the configured start hour: every pair is trained again.
+TEST_F(TrainingScenario, AnEditedBroadcastAddressAndTheStartHourTakeEffectWhileRunning) {
+  const time_t HOUR_IN_S = static_cast<time_t>(200 * e2e_time_scale());  // ten seconds by default
+  const time_t started = std::time(nullptr);
+  const time_t east = (3600 - (started + HOUR_IN_S) % 3600) % 3600;
+  const int hour = static_cast<int>((started + HOUR_IN_S + east) / 3600 % 24);
+  char tz[32];
+  std::snprintf(tz, sizeof tz, "TZ=ZUT-0:%02d:%02d", static_cast<int>(east / 60),
+                static_cast<int>(east % 60));
+  start_mesh(15, TWO_NODES);
+  const std::string conf = dir_ + "/zunta.conf";
+  const std::string schedule = "training_start_hour=" + std::to_string(hour) + "\n";
+  const std::string answered = read_file(conf) + schedule;
+  write_file(conf, "root=true\nbroadcast_address=" + ip(254) + "\nbroadcast_port=25115\n" + schedule);
+  start_daemon({}, e2e_time_scale(), {"env", tz});
+  ASSERT_TRUE(wait_snapshot([](const std::string& s) { return !s.empty(); }));  // start-up has read it
+  write_file(conf + ".new", answered);
+  ASSERT_EQ(0, std::rename((conf + ".new").c_str(), conf.c_str()));
+  ASSERT_TRUE(daemon_->wait_for_output("zunta-coord: Training triggered for new mesh pair\n", E2E_WAIT_MS))
+      << daemon_->out();
+  ASSERT_LT(std::time(nullptr), started + HOUR_IN_S) << "the first training must begin before the hour";
+  EXPECT_TRUE(daemon_->wait_until(
+      [](const std::string& out) {
+        return count_of(out, "zunta-coord: Training triggered for new mesh pair\n") == 2;
+      },
+      E2E_WAIT_MS))
+      << daemon_->out();
 }
 
 }  // namespace

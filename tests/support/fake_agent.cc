@@ -63,9 +63,13 @@ void fake_agent::serve() {
       frames_.push_back(frame);
     }
     if (barrier_ != nullptr) barrier_->arrive_and_wait();
-    if (replies_.empty()) continue;
-    answer(conn.get(), replies_[served < replies_.size() ? served : replies_.size() - 1]);
+    // Gone before it answers, so even a repetition sent at once finds nobody listening.
+    const bool vanish = served + 1 >= vanish_after_;
+    if (vanish) listener_.reset();
+    if (!replies_.empty())
+      answer(conn.get(), replies_[served < replies_.size() ? served : replies_.size() - 1]);
     ++served;
+    if (vanish) return;
   }
 }
 

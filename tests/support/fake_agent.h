@@ -2,7 +2,8 @@
 // 1024-byte command, then send that connection's chunks a pause apart, so each lands in its own
 // read. With chunks it then closes; with none it stays silent until the peer hangs up.
 // Connections beyond the script reuse its last entry. Agents given one barrier hold every answer
-// until all of them have received a command (or the barrier's limit passes).
+// until all of them have received a command (or the barrier's limit passes). An agent told to
+// vanish closes its listener on its last connection, so later connections are refused.
 #ifndef ZUNTA_TESTS_SUPPORT_FAKE_AGENT_H_
 #define ZUNTA_TESTS_SUPPORT_FAKE_AGENT_H_
 
@@ -45,6 +46,8 @@ class fake_agent {
 
   bool running() const { return thread_.joinable(); }
   void stop();
+  // The agent goes away once it has taken this many connections (set before the first one).
+  void vanish_after(std::size_t connections) { vanish_after_ = connections; }
   // Text before '\n' of every command received, in order.
   std::vector<std::string> commands() const;
   // The raw bytes of every command received.
@@ -60,6 +63,7 @@ class fake_agent {
   mutable std::mutex mutex_;
   std::vector<std::string> frames_;
   std::atomic<bool> stopping_{false};
+  std::atomic<std::size_t> vanish_after_{SIZE_MAX};
   std::thread thread_;
 };
 

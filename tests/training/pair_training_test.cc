@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 
-#include "core/runtime.h"
 #include "support/capture_stdout.h"
 #include "support/fake_agent.h"
 #include "support/test_env.h"
@@ -61,24 +59,4 @@ TEST(TrainingRunTest, BestIsTheHighestSumWhateverPatternItReportsAndTiesKeepTheE
   EXPECT_NE(std::string::npos, table.find(std::string("  2, ") + mp.left_mac + ", 0x7,     1 Mbps, " +
                                           mp.right_mac + ", 0x0,     0 Mbps *\n"))
       << table;
-}
-
-// A link planted at the name is replaced, never written through; a write that fails (a full disk)
-// leaves the previous file whole and no new file behind.
-TEST(TrainingStatusFileTest, ReplacedWholeOrNotAtAll) {
-  const std::string path = zunta_training_status_path();
-  auto left_before = dir_entries(test_dir(), "training_status.log.");
-  const std::string victim = test_dir() + "/status-victim";
-  write_file(victim, "kept\n");
-  unlink(path.c_str());
-  ASSERT_EQ(0, symlink(victim.c_str(), path.c_str()));
-  EXPECT_EQ(0, zunta_write_mp_training_status(1));
-  EXPECT_EQ("kept\n", read_file(victim));
-  EXPECT_EQ("1\n", read_file(path));
-  {
-    file_size_limit full(4);
-    EXPECT_EQ(-1, zunta_write_mp_training_status(-123456));
-  }
-  EXPECT_EQ("1\n", read_file(path));
-  EXPECT_EQ(left_before, dir_entries(test_dir(), "training_status.log."));
 }
