@@ -238,10 +238,11 @@ TEST_F(TrainingScenario, NodeThatStopsAnsweringDoesNotStopTheTraining) {
 }
 
 // The configuration is read again every cycle: a broadcast address edited while the daemon runs
-// is where the next request goes. The daemon's time zone makes its clock enter a new hour a few
-// seconds after the start, and that is the configured start hour: every pair is trained again.
+// is where the next request goes. The daemon's time zone makes its clock enter a new hour five
+// discovery periods after the start (the first training needs about one), and that is the
+// configured start hour: every pair is trained again.
 TEST_F(TrainingScenario, AnEditedBroadcastAddressAndTheStartHourTakeEffectWhileRunning) {
-  const time_t HOUR_IN_S = static_cast<time_t>(200 * e2e_time_scale());  // ten seconds by default
+  const time_t HOUR_IN_S = static_cast<time_t>(300 * e2e_time_scale());  // fifteen seconds by default
   const time_t started = std::time(nullptr);
   const time_t east = (3600 - (started + HOUR_IN_S) % 3600) % 3600;
   const int hour = static_cast<int>((started + HOUR_IN_S + east) / 3600 % 24);
