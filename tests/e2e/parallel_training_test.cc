@@ -1,7 +1,7 @@
 // Training several pairs at once, end to end, each run against its own simulator: pairs train as
-// they would one at a time (commands, tables, patterns, status file) while no dead node, shortage
-// of descriptors or hostile discovery answer holds up the others, and pairs within two hops never
-// measure at the same time. (A slow but complete agent is the command channel's test.)
+// they would one at a time (commands, tables, patterns, status file) while no dead node, slow
+// agent, shortage of descriptors or hostile discovery answer holds up the others, and pairs within
+// two hops never measure at the same time.
 #include <gmock/gmock.h>
 
 #include <map>
@@ -341,6 +341,30 @@ TEST(ParallelTrainingScenario, HostileAnswersCostOncePerDiscoveryAndAMovedNodeIs
   EXPECT_GE(given_up, discoveries - 1);  // the last discovery may have been cut short
   EXPECT_LE(given_up, discoveries);
   expect_no_neighbours_measured_together(run);
+}
+
+// b's answers come a line at a time, each 450 ms (2.25 s at full time) after the previous send: the
+// whole answer takes longer than twice the read time-out, yet each command goes through at once.
+constexpr char SLOW_B[] = R"(
+node a 127.0.60.1 0a:5a:00:00:00:01
+node b 127.0.60.2 0a:5a:00:00:00:02
+client a 0a:5a:00:00:00:02
+client b 0a:5a:00:00:00:01
+client b 3c:22:fb:10:20:30,-48,wlan0
+mesh a b 300000
+neighbour b 0a:5a:00:00:00:09 -1
+fault b trickle 450 on=9,1
+)";
+
+TEST(ParallelTrainingScenario, ASlowButCompleteAgentIsAskedOnce) {
+  pair_run run;
+  run.start(47, SLOW_B, "", {"-0"}, 0.2);
+  ASSERT_EQ(0, run.daemon_->wait_exit(RUN_WAIT_MS)) << run.daemon_->out();
+  EXPECT_EQ(1u, run.received("b", 9).size());
+  EXPECT_EQ(1u, run.received("b", 1).size());
+  ASSERT_EQ(1u, run.received("b", 2).size());
+  EXPECT_EQ(3, run.received("b", 2)[0].value);
+  EXPECT_THAT(run.daemon_->out(), Not(HasSubstr("ERROR")));
 }
 
 }  // namespace
