@@ -19,6 +19,7 @@
 #include "coordinator/snapshot.h"
 #include "coordinator/status_json.h"
 #include "coordinator/training_memory.h"
+#include "core/heap.h"
 #include "core/log.h"
 #include "core/runtime.h"
 #include "core/text.h"
@@ -108,10 +109,7 @@ struct kept_rx {
   int32_t rx_pattern;
   uint8_t rx_chosen;
 };
-struct free_deleter {
-  void operator()(void* p) const { std::free(p); }
-};
-using kept_rx_table = std::unique_ptr<kept_rx[], free_deleter>;
+using kept_rx_table = heap_array<kept_rx>;
 
 // The nodes go on receiving on the patterns they were told while their records are made anew from
 // a fresh discovery answer. The new records take those patterns over, so the status file keeps
@@ -305,8 +303,7 @@ bool zunta_train_in_parallel(cycle_state* s, bool every) {
     if (every || mp->trained != 1) ++count;
   }
   if (count == 0) return true;
-  std::unique_ptr<mesh_pair*[], free_deleter> pairs(
-      static_cast<mesh_pair**>(std::calloc(count, sizeof(mesh_pair*))));
+  heap_array<mesh_pair*> pairs = heap_allocate<mesh_pair*>(count);
   if (!pairs) {
     ZLOG(COMP_CORE, LVL_E, "Memory allocation error for parallel training: pairs train one by one\n");
     return false;

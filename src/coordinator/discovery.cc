@@ -16,6 +16,7 @@
 #include "commander/transport.h"
 #include "coordinator/coordinator.h"
 #include "core/clock.h"
+#include "core/heap.h"
 #include "core/log.h"
 #include "core/runtime.h"
 #include "core/text.h"
@@ -31,10 +32,6 @@ constexpr int STALE_DATAGRAMS_MAX = 4096;
 // Over-long answers reported one by one in a collection; a summary line counts the rest, so a
 // host that keeps sending them cannot flood the log.
 constexpr int OVERLONG_REPORTS_MAX = 8;
-
-struct free_deleter {
-  void operator()(void* p) const { std::free(p); }
-};
 
 static_assert(BROADCAST_BUFFER_SIZE > DISCOVERY_MAX_ANSWERS * (DISCOVERY_ANSWER_SIZE + 1),
               "every kept answer, its line feed and the final NUL fit");
@@ -285,8 +282,7 @@ void zunta_parse_broadcast_message(struct coordinator* coordinator, char* broadc
   std::size_t lines = 0;
   for (const char* at = std::strchr(broadcast_buffer, '\n'); at != nullptr; at = std::strchr(at + 1, '\n'))
     ++lines;
-  std::unique_ptr<announcer[], free_deleter> table(
-      static_cast<announcer*>(std::calloc(lines + 1, sizeof(announcer))));
+  heap_array<announcer> table = heap_allocate<announcer>(lines + 1);
   announcers seen{table.get(), 0};
   // Text after the last line feed is not parsed; the collection ends every answer with one.
   for (char* line = broadcast_buffer; char* end = std::strchr(line, '\n'); line = end + 1) {

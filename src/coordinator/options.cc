@@ -13,6 +13,7 @@
 #include <memory>
 
 #include "core/fd.h"
+#include "core/heap.h"
 #include "core/log.h"
 
 namespace {
@@ -134,10 +135,6 @@ void load_line(char* line, int number, options* opts) {
     if (std::strcmp(key, k.key) == 0) k.apply(value, number, opts);
   }
 }
-
-struct free_deleter {
-  void operator()(void* p) const { std::free(p); }
-};
 
 // Reads the whole file into text (CONFIG_MAX_BYTES + 1 bytes) without ever blocking: the open does
 // not wait for a FIFO's writer, and anything but a regular file is refused before a byte is read,

@@ -17,6 +17,7 @@
 #include "coordinator/snapshot.h"
 #include "core/atomic_file.h"
 #include "core/clock.h"
+#include "core/heap.h"
 #include "core/json.h"
 #include "core/log.h"
 #include "core/runtime.h"
@@ -28,10 +29,6 @@ namespace {
 
 const options* g_watched = nullptr;
 bool g_failing = false;  // the last write failed and said so
-
-struct free_deleter {
-  void operator()(void* p) const { std::free(p); }
-};
 
 int64_t wall_now() {
   timeval now{};
@@ -238,18 +235,18 @@ void sort_by_key(T** records, int32_t count) {
 
 // Both tables, each sorted by key, walked side by side: a key in both is one pair.
 struct pair_tables {
-  std::unique_ptr<mesh_pair*[], free_deleter> current;
+  heap_array<mesh_pair*> current;
   int32_t current_count;
-  std::unique_ptr<trained_mesh_pair*[], free_deleter> trained;
+  heap_array<trained_mesh_pair*> trained;
   int32_t trained_count;
 };
 
 template <typename T>
-bool collect(sa_list* head, std::unique_ptr<T*[], free_deleter>* out, int32_t* count) {
+bool collect(sa_list* head, heap_array<T*>* out, int32_t* count) {
   int32_t n = 0;
   for (sa_list* pos = head->next; pos != head; pos = pos->next)
     ++n;
-  out->reset(static_cast<T**>(std::calloc(n > 0 ? n : 1, sizeof(T*))));
+  *out = heap_allocate<T*>(n);
   if (!*out) return false;
   *count = 0;
   sa_list_for_each_entry(record, head, T, list) {

@@ -18,6 +18,7 @@
 
 #include "core/checksum.h"
 #include "core/fd.h"
+#include "core/heap.h"
 #include "core/log.h"
 #include "meshpair/meshpair.h"
 #include "training/training.h"
@@ -25,10 +26,6 @@
 namespace {
 
 constexpr int MAX_FIELDS = 12;
-
-struct free_deleter {
-  void operator()(void* p) const { std::free(p); }
-};
 
 // --- Values, checked alike before writing and when reading ---
 

@@ -13,16 +13,13 @@
 #include "core/atomic_file.h"
 #include "core/checksum.h"
 #include "core/clock.h"
+#include "core/heap.h"
 #include "core/log.h"
 #include "meshpair/meshpair.h"
 #include "registry/ath.h"
 #include "training/training.h"
 
 namespace {
-
-struct free_deleter {
-  void operator()(void* p) const { std::free(p); }
-};
 
 // Lines go out through here, so the checksum and the size cover exactly what was written.
 struct writer {
@@ -131,10 +128,9 @@ int zunta_training_memory_save(const char* path, mesh_tables* tables) {
                                 : TRAINING_MEMORY_MAX_PAIRS;
   const int32_t node_room =
       tables->ath_count < TRAINING_MEMORY_MAX_NODES ? tables->ath_count : TRAINING_MEMORY_MAX_NODES;
-  std::unique_ptr<const trained_mesh_pair*[], free_deleter> pairs(static_cast<const trained_mesh_pair**>(
-      std::calloc(pair_room > 0 ? pair_room : 1, sizeof(trained_mesh_pair*))));
-  std::unique_ptr<const ath*[], free_deleter> nodes(
-      static_cast<const ath**>(std::calloc(node_room > 0 ? node_room : 1, sizeof(ath*))));
+  heap_array<const trained_mesh_pair*> pairs =
+      heap_allocate<const trained_mesh_pair*>(pair_room > 0 ? pair_room : 0);
+  heap_array<const ath*> nodes = heap_allocate<const ath*>(node_room > 0 ? node_room : 0);
   if (!pairs || !nodes) {
     ZLOG(COMP_CORE, LVL_E, "Memory allocation error for the training memory\n");
     return -1;

@@ -7,20 +7,13 @@
 #include <cstring>
 #include <memory>
 
+#include "core/heap.h"
 #include "core/list.h"
 #include "core/text.h"
 #include "meshpair/meshpair.h"
 #include "registry/ath.h"
 
 namespace {
-
-template <typename T>
-using heap_array = pair_neighbourhoods::heap_array<T>;
-
-template <typename T>
-heap_array<T> allocate(std::size_t count) {
-  return heap_array<T>(static_cast<T*>(std::calloc(count == 0 ? 1 : count, sizeof(T))));
-}
 
 struct mac_key {
   char text[MAC_TEXT_SIZE];
@@ -57,9 +50,9 @@ class mesh_graph {
         ++listed;
       }
     }
-    macs_ = allocate<mac_key>(aths + listed);
-    auto from = allocate<int32_t>(listed);
-    auto to = allocate<int32_t>(listed);
+    macs_ = heap_allocate<mac_key>(aths + listed);
+    auto from = heap_allocate<int32_t>(listed);
+    auto to = heap_allocate<int32_t>(listed);
     if (!macs_ || !from || !to) return false;
     int32_t count = 0;
     sa_list_for_each_entry(a, &nodes->ath_list, ath, list) {
@@ -80,8 +73,8 @@ class mesh_graph {
       }
     }
     // Each listing counts in both directions.
-    first_ = allocate<int32_t>(node_count_ + 1);
-    adjacent_ = allocate<int32_t>(2 * edge);
+    first_ = heap_allocate<int32_t>(node_count_ + 1);
+    adjacent_ = heap_allocate<int32_t>(2 * edge);
     if (!first_ || !adjacent_) return false;
     for (int32_t e = 0; e < edge; ++e) {
       ++first_[from[e] + 1];
@@ -89,7 +82,7 @@ class mesh_graph {
     }
     for (int32_t i = 0; i < node_count_; ++i)
       first_[i + 1] += first_[i];
-    auto fill = allocate<int32_t>(node_count_);
+    auto fill = heap_allocate<int32_t>(node_count_);
     if (!fill) return false;
     for (int32_t e = 0; e < edge; ++e) {
       adjacent_[first_[from[e]] + fill[from[e]]++] = to[e];
@@ -124,7 +117,7 @@ class mesh_graph {
 
 bool pair_neighbourhoods::build(const node_tables* nodes, mesh_pair* const* pairs, int32_t count) {
   mesh_graph graph;
-  ends_ = allocate<int32_t>(2 * static_cast<std::size_t>(count));
+  ends_ = heap_allocate<int32_t>(2 * static_cast<std::size_t>(count));
   if (nodes == nullptr || !graph.build(nodes) || !ends_) return false;
   // A pair end that is no known node (its ath gone) gets a node of its own, heard by nobody.
   const int32_t known = graph.node_count();
@@ -137,8 +130,8 @@ bool pair_neighbourhoods::build(const node_tables* nodes, mesh_pair* const* pair
   }
   heap_array<int32_t> known_first = graph.take_first();
   adjacent_ = graph.take_adjacent();
-  first_ = allocate<int32_t>(static_cast<std::size_t>(node_count_) + 1);
-  claims_ = allocate<int32_t>(node_count_);
+  first_ = heap_allocate<int32_t>(static_cast<std::size_t>(node_count_) + 1);
+  claims_ = heap_allocate<int32_t>(node_count_);
   if (!first_ || !claims_) return false;
   for (int32_t n = 0; n <= node_count_; ++n)
     first_[n] = known_first[n < known ? n : known];
@@ -149,11 +142,11 @@ bool pair_neighbourhoods::build(const node_tables* nodes, mesh_pair* const* pair
 // counted, then listed.
 bool pair_neighbourhoods::list_conflicts(int32_t count) {
   count_ = count;
-  conflict_first_ = allocate<int32_t>(static_cast<std::size_t>(count) + 1);
-  auto first_pair = allocate<int32_t>(static_cast<std::size_t>(node_count_) + 1);
-  auto pairs_at = allocate<int32_t>(2 * static_cast<std::size_t>(count));
-  auto fill = allocate<int32_t>(node_count_);
-  auto seen = allocate<int32_t>(count);
+  conflict_first_ = heap_allocate<int32_t>(static_cast<std::size_t>(count) + 1);
+  auto first_pair = heap_allocate<int32_t>(static_cast<std::size_t>(node_count_) + 1);
+  auto pairs_at = heap_allocate<int32_t>(2 * static_cast<std::size_t>(count));
+  auto fill = heap_allocate<int32_t>(node_count_);
+  auto seen = heap_allocate<int32_t>(count);
   if (!conflict_first_ || !first_pair || !pairs_at || !fill || !seen) return false;
   for (int32_t e = 0; e < 2 * count; ++e)
     ++first_pair[ends_[e] + 1];
@@ -182,7 +175,7 @@ bool pair_neighbourhoods::list_conflicts(int32_t count) {
     walk(p, p + 1, [&](int32_t) { ++conflict_first_[p + 1]; });
   for (int32_t p = 0; p < count; ++p)
     conflict_first_[p + 1] += conflict_first_[p];
-  conflict_list_ = allocate<int32_t>(static_cast<std::size_t>(conflict_first_[count]));
+  conflict_list_ = heap_allocate<int32_t>(static_cast<std::size_t>(conflict_first_[count]));
   if (!conflict_list_) return false;
   for (int32_t p = 0; p < count; ++p) {
     int32_t at = conflict_first_[p];
@@ -212,8 +205,8 @@ int32_t colour_by_saturation(const conflict_view& g, int32_t* colour) {
   for (int32_t p = 0; p < g.count; ++p)
     most = std::max(most, g.degree(p));
   const std::size_t words = static_cast<std::size_t>(most) / 64 + 1;  // colours 0..most
-  auto shown = allocate<uint64_t>(words * static_cast<std::size_t>(g.count));
-  auto saturation = allocate<int32_t>(g.count);
+  auto shown = heap_allocate<uint64_t>(words * static_cast<std::size_t>(g.count));
+  auto saturation = heap_allocate<int32_t>(g.count);
   if (!shown || !saturation) return -1;
   auto has = [&](int32_t p, int32_t c) { return (shown[p * words + c / 64] >> (c % 64) & 1u) != 0; };
   int32_t colours = 0;
@@ -288,9 +281,9 @@ int32_t recolour(const conflict_view& g, int32_t round, int32_t colours, int32_t
 
 bool pair_neighbourhoods::turn_order(int32_t* order, int32_t* turns) const {
   const conflict_view g{conflict_first_.get(), conflict_list_.get(), count_};
-  auto colour = allocate<int32_t>(count_);
-  auto rank = allocate<int32_t>(static_cast<std::size_t>(count_) + 1);
-  auto mark = allocate<int32_t>(static_cast<std::size_t>(count_) + 1);
+  auto colour = heap_allocate<int32_t>(count_);
+  auto rank = heap_allocate<int32_t>(static_cast<std::size_t>(count_) + 1);
+  auto mark = heap_allocate<int32_t>(static_cast<std::size_t>(count_) + 1);
   if (!colour || !rank || !mark) return false;
   int32_t colours = colour_by_saturation(g, colour.get());
   if (colours < 0) return false;
@@ -328,11 +321,11 @@ void pair_neighbourhoods::release(int32_t pair) {
 
 bool pair_turns::build(const node_tables* nodes, mesh_pair* const* pairs, int32_t count) {
   count_ = count;
-  order_ = allocate<int32_t>(count);
-  state_ = allocate<uint8_t>(count);
-  ends_at_ = allocate<int64_t>(count);
-  reserved_for_ = allocate<int64_t>(count);
-  held_in_ = allocate<int32_t>(count);
+  order_ = heap_allocate<int32_t>(count);
+  state_ = heap_allocate<uint8_t>(count);
+  ends_at_ = heap_allocate<int64_t>(count);
+  reserved_for_ = heap_allocate<int64_t>(count);
+  held_in_ = heap_allocate<int32_t>(count);
   if (!order_ || !state_ || !ends_at_ || !reserved_for_ || !held_in_) return false;
   if (!hoods_.build(nodes, pairs, count) || !hoods_.turn_order(order_.get(), &turns_)) return false;
   waiting_ = count;

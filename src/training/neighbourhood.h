@@ -6,8 +6,8 @@
 #define ZUNTA_TRAINING_NEIGHBOURHOOD_H_
 
 #include <cstdint>
-#include <cstdlib>
-#include <memory>
+
+#include "core/heap.h"
 
 struct mesh_pair;
 struct node_tables;
@@ -37,12 +37,6 @@ class pair_neighbourhoods {
   // the largest set of mutually conflicting pairs, below which no order can go. False when memory
   // is short.
   bool turn_order(int32_t* order, int32_t* turns) const;
-
-  struct free_deleter {
-    void operator()(void* p) const { std::free(p); }
-  };
-  template <typename T>
-  using heap_array = std::unique_ptr<T[], free_deleter>;
 
  private:
   // Node n's own claim and its neighbours': `delta` on each of them.
@@ -88,12 +82,12 @@ class pair_turns {
   int32_t waiting_ = 0;
   int32_t training_ = 0;
   int32_t turns_ = 0;
-  int32_t stamp_ = 0;                                      // one per call of start_due
-  pair_neighbourhoods::heap_array<int32_t> order_;         // the turn order
-  pair_neighbourhoods::heap_array<uint8_t> state_;         // per pair
-  pair_neighbourhoods::heap_array<int64_t> ends_at_;       // a training pair's estimated end
-  pair_neighbourhoods::heap_array<int64_t> reserved_for_;  // a held pair's earliest start
-  pair_neighbourhoods::heap_array<int32_t> held_in_;       // the stamp of the call that held it
+  int32_t stamp_ = 0;                 // one per call of start_due
+  heap_array<int32_t> order_;         // the turn order
+  heap_array<uint8_t> state_;         // per pair
+  heap_array<int64_t> ends_at_;       // a training pair's estimated end
+  heap_array<int64_t> reserved_for_;  // a held pair's earliest start
+  heap_array<int32_t> held_in_;       // the stamp of the call that held it
 };
 
 #endif  // ZUNTA_TRAINING_NEIGHBOURHOOD_H_

@@ -10,6 +10,7 @@
 
 #include "commander/catalogue.h"
 #include "core/clock.h"
+#include "core/heap.h"
 #include "core/log.h"
 #include "core/runtime.h"
 #include "meshpair/meshpair.h"
@@ -54,14 +55,6 @@ struct pair_run {
 // A guess of the time a round spends beyond its pause (eight exchanges), until pairs have
 // trained and their mean is known.
 constexpr int64_t ROUND_EXCHANGES_GUESS_US = 150000;
-
-template <typename T>
-using heap_array = pair_neighbourhoods::heap_array<T>;
-
-template <typename T>
-heap_array<T> allocate(std::size_t count) {
-  return heap_array<T>(static_cast<T*>(std::calloc(count == 0 ? 1 : count, sizeof(T))));
-}
 
 bool left_side(int32_t step) {
   return step == LEFT_PATTERN || step == LEFT_DUMP || step == LEFT_START || step == LEFT_RESULT;
@@ -140,10 +133,10 @@ class parallel_pass {
 };
 
 bool parallel_pass::prepare(const node_tables* nodes) {
-  runs_ = allocate<pair_run>(count_);
-  due_ = allocate<int32_t>(count_);
-  training_ = allocate<int32_t>(count_);
-  jobs_ = allocate<zunta_command_job*>(count_);
+  runs_ = heap_allocate<pair_run>(count_);
+  due_ = heap_allocate<int32_t>(count_);
+  training_ = heap_allocate<int32_t>(count_);
+  jobs_ = heap_allocate<zunta_command_job*>(count_);
   if (!runs_ || !due_ || !training_ || !jobs_ || !turns_.build(nodes, pairs_, count_)) return false;
   for (int32_t p = 0; p < count_; ++p) {
     runs_[p].mp = pairs_[p];
